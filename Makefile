@@ -1,0 +1,36 @@
+# Two commands set up a fresh Debian/Ubuntu machine and run the library:
+#   make demo   install what is missing, build, run the demo on the built-in scan
+#   make test   install what is missing, build, run the test suite
+# Further targets: make bench (benchmarks), make sanitize (tests under ASan+UBSan).
+
+BUILD ?= build
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+CMAKE_ARGS ?=
+
+.PHONY: all setup configure build demo test bench sanitize clean
+
+all: build
+
+setup:
+	@bash scripts/setup.sh
+
+configure: setup
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release $(CMAKE_ARGS)
+
+build: configure
+	cmake --build $(BUILD) -j $(JOBS)
+
+demo: build
+	./$(BUILD)/examples/profile_demo $(ARGS)
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+bench: build
+	./$(BUILD)/bench/profile_bench $(ARGS)
+
+sanitize:
+	$(MAKE) test BUILD=build-sanitize CMAKE_ARGS="-DPA_SANITIZE=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPA_BUILD_BENCHMARKS=OFF"
+
+clean:
+	rm -rf build build-sanitize

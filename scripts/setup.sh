@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Installs what building and testing the library needs, on Debian/Ubuntu with
+# apt-get; elsewhere it names what is missing and stops.
+set -euo pipefail
+
+packages=(cmake g++ make pkg-config libopencv-dev libgtest-dev libbenchmark-dev)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done 2>/dev/null || true
+
+if ! command -v dpkg-query >/dev/null 2>&1; then
+  for tool in cmake g++ make pkg-config; do
+    command -v "$tool" >/dev/null 2>&1 || { echo "setup: '$tool' is missing; install it with your package manager" >&2; exit 1; }
+  done
+  pkg-config --exists opencv4 || { echo "setup: OpenCV (core, imgproc) development files are missing" >&2; exit 1; }
+  echo "setup: not a Debian/Ubuntu system: make sure GoogleTest and Google Benchmark are installed" >&2
+  exit 0
+fi
+
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+if ! command -v apt-get >/dev/null 2>&1; then
+  echo "setup: missing packages: ${missing[*]} (no apt-get on this system; install them by hand)" >&2
+  exit 1
+fi
+
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then
+  if command -v sudo >/dev/null 2>&1; then sudo="sudo"; else
+    echo "setup: missing packages: ${missing[*]}; run as root or install them by hand" >&2
+    exit 1
+  fi
+fi
+
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
