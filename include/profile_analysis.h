@@ -434,9 +434,21 @@ PA_API void eulerToRotationMatrixZYX(const SHX_EulerAngles& e, double R[3][3]);
 // @@semicircletrees@@
 
 // ===========================================================================
-// Image analysis
+// Image analysis: labelling
 // ===========================================================================
 
-// @@image@@
+// @@image-label@@
+
+// ===========================================================================
+// Image analysis: distance transform and window peaks
+// ===========================================================================
+
+// @@image-peaks@@
+
+// ===========================================================================
+// Image analysis: peak XY scan and contour handling
+// ===========================================================================
+
+// @@image-contours@@
 
 #endif  // PROFILE_ANALYSIS_H
