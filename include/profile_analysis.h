@@ -410,6 +410,57 @@ PA_API void eulerToRotationMatrixZYX(const SHX_EulerAngles& e, double R[3][3]);
 // @@corners@@
 
 // ===========================================================================
+// Per-line detectors: right angles and glove arcs
+// ===========================================================================
+
+/// Right-angle corners of one profile: points where, in the y-z plane, a flat
+/// stretch (z nearly constant) meets a wall (y nearly constant). One feature
+/// per run of consecutive corner points of one kind.
+///
+/// An arm of a point is walked outward over the points with z > 0.0001; it
+/// holds the points whose |dy| + |dz| from the corner is at most the reach, and
+/// the first point beyond the reach is its far end. A point is screened with
+/// the smallest of the eight reaches and the largest of the four tolerances;
+/// a point passing the flat-before screening is finished there (the wall-
+/// before kinds are not tried). Kinds and their records:
+///  - param1: flat before, wall after, wall's far end above the point: type 10;
+///  - param2: wall before, flat after, point above the wall's far end: type 12;
+///  - param3: flat before, wall after, far end not above: type 9 (reaches of
+///    param3, tolerance of param1: param3.maxDeviation only enters the screening);
+///  - param4: wall before, flat after, point not above: type 11.
+/// Within a run of one kind the reported point is the last one whose backward
+/// arm ends at the immediately preceding point, else the run's middle. The first
+/// and last valid points of a line are never corners.
+/// @param[in]     points      pointCount points of the line (read only; z >= 0.0001 for a corner)
+/// @param[in]     pointCount  0 or below: nothing happens
+/// @param[in]     lineIdx     copied into the features
+/// @param[in]     param1..4   the four kinds, as above
+/// @param[in,out] feature     features (type 9..12, nPointIdx = array index, featureValue 0.0)
+///                            are appended to feature->features; its lineIdx and endings are not touched
+/// NaN heights are treated as invalid points; NaN parameters do not loop or crash.
+PA_API void hx_getLineRigthAngleFeature(const SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx,
+                                        SHX_lineRightAngleParam param1, SHX_lineRightAngleParam param2,
+                                        SHX_lineRightAngleParam param3, SHX_lineRightAngleParam param4,
+                                        SHX_lineFeature* feature);
+
+/// Glove arcs of one profile: points with z > 0.0001 that no neighbour within
+/// chordLen (y-z distance) rises above (>= before, > after, so of equal highest
+/// points the first survives) and around which the forward chord's slope angle
+/// drops by at least minArcAngle: the largest angle over searchArcLen of
+/// polyline before the point (starting from 0.0) minus the smallest from the
+/// point on (starting from its own angle). Angles are
+/// atan(dz / |dy|) * 180 / 3.141592654 of the chord to the first point at least
+/// chordLen away; a point without a chord end on either side has angle 0.
+/// @param[in]     linePts    the line (read only); fewer than 10 points give nothing
+/// @param[in]     lineIdx    copied into the features
+/// @param[in]     param      chordLen, searchArcLen, minArcAngle (degrees)
+/// @param[in,out] gloveArcs  features appended in point order: type 13, featurePos = the point with
+///                           nPointIdx = its index in linePts, featureValue = the angle drop (degrees)
+/// A vertical chord gives +-90 degrees; NaN heights or parameters do not loop or crash.
+PA_API void rk_getLineGloveArcs(const std::vector<SKesp3DPosition>& linePts, int lineIdx, SHX_gloveArcParam param,
+                                std::vector<SHX_basicFeature1D>& gloveArcs);
+
+// ===========================================================================
 // Per-line detectors: upper semicircles
 // ===========================================================================
 

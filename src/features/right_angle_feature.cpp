@@ -1,0 +1,199 @@
+// Right-angle corners: a flat stretch (z nearly constant along y) meeting a
+// wall (y nearly constant along z), in four kinds.
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "internal.h"
+
+using pa_detail::isStrictlyValidZ;
+using pa_detail::isValidZ;
+
+namespace {
+
+constexpr int32_t kFlatBeforeWallUp = 10;      // flat, then a wall rising away from the corner
+constexpr int32_t kWallDownFlatAfter = 12;     // wall, then flat, the corner above the wall's far end
+constexpr int32_t kFlatBeforeWallDown = 9;     // flat, then a wall not rising
+constexpr int32_t kWallUpFlatAfter = 11;       // wall, then flat, the corner not above the wall's far end
+
+// One arm of point i walked outward over the strictly valid points.
+// The walk can be resumed with a larger reach: every point within the smaller
+// reach is also within the larger one, so the maxima carry over and the walk
+// goes on from the far end it stopped at.
+struct Arm {
+    double maxDy = -1.0;  // largest |y(j) - y(i)| on the arm
+    double maxDz = -1.0;  // largest |z(j) - z(i)| on the arm
+    int64_t next = 0;     // next index to visit; the far end once found
+    bool hasFarEnd = false;
+    bool exhausted = false;
+};
+
+class ArmWalker {
+public:
+    ArmWalker(const SKesp3DPosition* pts, int64_t n) : pts_(pts), n_(n) {}
+
+    Arm start(int64_t i, int step) const {
+        Arm a;
+        a.next = i + step;
+        return a;
+    }
+
+    // Extends the arm of point i until the first point farther than reach
+    // (|dy| + |dz| > reach) or the end of the line.
+    void extend(Arm& a, int64_t i, int step, double reach) const {
+        if (a.exhausted) return;
+        const double yi = pts_[i].y, zi = pts_[i].z;
+        int64_t j = a.next;
+        for (; j >= 0 && j < n_; j += step) {
+            const double z = pts_[j].z;
+            if (!isStrictlyValidZ(z)) continue;
+            const double dy = std::fabs(pts_[j].y - yi);
+            const double dz = std::fabs(z - zi);
+            if (!(dy + dz <= reach)) {
+                a.next = j;
+                a.hasFarEnd = true;
+                return;
+            }
+            if (dy > a.maxDy) a.maxDy = dy;
+            if (dz > a.maxDz) a.maxDz = dz;
+        }
+        a.next = j;
+        a.hasFarEnd = false;
+        a.exhausted = true;
+    }
+
+private:
+    const SKesp3DPosition* pts_;
+    int64_t n_;
+};
+
+struct Reaches {
+    double rmin;  // smallest of the eight reaches: the screening reach
+    double tmax;  // largest of the four tolerances: the screening tolerance
+};
+
+Reaches screeningLimits(const SHX_lineRightAngleParam* p) {
+    Reaches r{p[0].flatArmLen, p[0].maxDeviation};
+    for (int k = 0; k < 4; ++k) {
+        r.rmin = std::min({r.rmin, p[k].flatArmLen, p[k].wallArmLen});
+        r.tmax = std::max(r.tmax, p[k].maxDeviation);
+    }
+    return r;
+}
+
+// The arm of a kind's own measurement: the screening arm resumed to the
+// kind's reach. A measured arm without a far end reports 0.
+struct Measured {
+    double dy, dz;
+    bool adjacent;
+};
+
+Measured measure(const ArmWalker& w, const Arm& screened, int64_t i, int step, double reach, double screenReach) {
+    Arm a = screened;
+    if (!(reach >= screenReach)) {
+        // Only a NaN reach gets here (the screening reach is the smallest):
+        // walk from the point itself rather than resume.
+        a = w.start(i, step);
+    }
+    w.extend(a, i, step, reach);
+    if (!a.hasFarEnd) return Measured{0.0, 0.0, false};
+    return Measured{a.maxDy, a.maxDz, step < 0 && a.next == i - 1};
+}
+
+// Classifies point i; returns its type (0 for none) and sets adjacent.
+int32_t classifyPoint(const ArmWalker& w, const SKesp3DPosition* pts, int64_t i, const SHX_lineRightAngleParam* p,
+                      const Reaches& lim, bool& adjacent) {
+    adjacent = false;
+    Arm back = w.start(i, -1), fwd = w.start(i, +1);
+    w.extend(back, i, -1, lim.rmin);
+    if (!back.hasFarEnd) return 0;
+    w.extend(fwd, i, +1, lim.rmin);
+    if (!fwd.hasFarEnd) return 0;
+    const bool backAdjacent = back.next == i - 1;
+    const double backDy = backAdjacent ? 0.0 : back.maxDy;
+    const double zi = pts[i].z;
+
+    // First kind: flat arm before, wall after. Once its screening passes the
+    // point is finished, whether or not its own test succeeds.
+    if (lim.tmax > back.maxDz && lim.tmax > fwd.maxDy) {
+        const bool wallRises = pts[fwd.next].z > zi;
+        const SHX_lineRightAngleParam& own = wallRises ? p[0] : p[2];
+        const Measured b = measure(w, back, i, -1, own.flatArmLen, lim.rmin);
+        const Measured f = measure(w, fwd, i, +1, own.wallArmLen, lim.rmin);
+        // Both flat-before kinds take their tolerance from the first record.
+        const double tol = p[0].maxDeviation;
+        if (tol > b.dz && tol > f.dy) {
+            adjacent = b.adjacent;
+            return wallRises ? kFlatBeforeWallUp : kFlatBeforeWallDown;
+        }
+        return 0;
+    }
+
+    // Second kind: wall before, flat arm after.
+    if (lim.tmax > backDy && lim.tmax > fwd.maxDz) {
+        const bool cornerAbove = zi > pts[back.next].z;
+        const SHX_lineRightAngleParam& own = cornerAbove ? p[1] : p[3];
+        const Measured b = measure(w, back, i, -1, own.wallArmLen, lim.rmin);
+        const Measured f = measure(w, fwd, i, +1, own.flatArmLen, lim.rmin);
+        const double wallDy = b.adjacent ? 0.0 : b.dy;
+        if (own.maxDeviation > wallDy && own.maxDeviation > f.dz) {
+            adjacent = b.adjacent;
+            return cornerAbove ? kWallDownFlatAfter : kWallUpFlatAfter;
+        }
+    }
+    return 0;
+}
+
+// The point reported for the run [s, e] of one corner type: the last point
+// with a backward-adjacent arm, else the middle (or the nearest valid point to
+// it, the higher index first at each distance).
+int64_t chooseRunPoint(const SKesp3DPosition* pts, const std::vector<uint8_t>& adjacent, int64_t s, int64_t e) {
+    for (int64_t k = e; k >= s; --k)
+        if (adjacent[static_cast<size_t>(k)]) return k;
+    const int64_t m = (s + e) / 2;
+    if (isValidZ(pts[m].z)) return m;
+    for (int64_t k = 1; k <= m - s; ++k) {
+        if (isStrictlyValidZ(pts[m + k].z)) return m + k;
+        if (isStrictlyValidZ(pts[m - k].z)) return m - k;
+    }
+    return m;
+}
+
+}  // namespace
+
+PA_API void hx_getLineRigthAngleFeature(const SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx,
+                                        SHX_lineRightAngleParam param1, SHX_lineRightAngleParam param2,
+                                        SHX_lineRightAngleParam param3, SHX_lineRightAngleParam param4,
+                                        SHX_lineFeature* feature) {
+    if (points == nullptr || feature == nullptr || pointCount <= 0) return;
+    const int64_t n = pointCount;
+    const SHX_lineRightAngleParam params[4] = {param1, param2, param3, param4};
+    const Reaches lim = screeningLimits(params);
+    const ArmWalker walker(points, n);
+
+    std::vector<int32_t> type(static_cast<size_t>(n), 0);
+    std::vector<uint8_t> adjacent(static_cast<size_t>(n), 0);
+    for (int64_t i = 0; i < n; ++i) {
+        if (!isValidZ(points[i].z)) continue;
+        bool adj = false;
+        type[static_cast<size_t>(i)] = classifyPoint(walker, points, i, params, lim, adj);
+        adjacent[static_cast<size_t>(i)] = adj ? 1 : 0;
+    }
+
+    for (int64_t s = 0; s < n;) {
+        int64_t e = s;
+        const int32_t t = type[static_cast<size_t>(s)];
+        while (e + 1 < n && type[static_cast<size_t>(e + 1)] == t) ++e;
+        if (t != 0) {
+            const int64_t c = chooseRunPoint(points, adjacent, s, e);
+            SHX_basicFeature1D f;
+            f.featureType = t;
+            f.lineIdx = lineIdx;
+            f.featurePos = points[c];
+            f.featurePos.nPointIdx = c;
+            f.featureValue = 0.0;
+            feature->features.push_back(f);
+        }
+        s = e + 1;
+    }
+}

@@ -1,0 +1,128 @@
+// Glove arcs on hand-built profiles.
+#include <cmath>
+
+#include <gtest/gtest.h>
+
+#include "test_util.h"
+
+using testutil::pt;
+
+namespace {
+
+// Angles in degrees as the detector defines them (pi as 3.141592654).
+double deg(double radians) { return radians * 180.0 / 3.141592654; }
+
+SHX_gloveArcParam arcParam(double chord, double arc, double minAngle) {
+    SHX_gloveArcParam p;
+    p.chordLen = chord;
+    p.searchArcLen = arc;
+    p.minArcAngle = minAngle;
+    return p;
+}
+
+std::vector<SHX_basicFeature1D> arcs(const std::vector<SKesp3DPosition>& v, SHX_gloveArcParam p, int lineIdx = 4) {
+    std::vector<SHX_basicFeature1D> out;
+    rk_getLineGloveArcs(v, lineIdx, p, out);
+    return out;
+}
+
+// A tent: y = i, z = 10 - |i - 10| for i = 0..20; the apex at index 10.
+std::vector<SKesp3DPosition> tent() {
+    std::vector<SKesp3DPosition> v;
+    for (int i = 0; i <= 20; ++i) v.push_back(pt(1.5, i, 10 - std::abs(i - 10), 100 + i));
+    return v;
+}
+
+}  // namespace
+
+TEST(GloveArcs, TentApexDropsByTwiceFortyFive) {
+    // chordLen 2: the chord end is two points away. Before the apex the
+    // chords rise at 45 degrees, from the apex on they fall at -45; over an
+    // arc of 3 the left maximum is A(8) = 45 and the right minimum A(10) = -45.
+    const double drop = deg(std::atan(1.0)) - deg(std::atan(-1.0));
+    const auto found = arcs(tent(), arcParam(2.0, 3.0, 80.0));
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].featureType, 13);
+    EXPECT_EQ(found[0].lineIdx, 4);
+    EXPECT_EQ(found[0].featurePos.nPointIdx, 10);
+    EXPECT_EQ(found[0].featurePos.x, 1.5);
+    EXPECT_EQ(found[0].featurePos.z, 10.0);
+    EXPECT_DOUBLE_EQ(found[0].featureValue, drop);
+    // The literal pi is a hair larger than pi: the drop falls just short of 90.
+    EXPECT_LT(drop, 90.0);
+    EXPECT_TRUE(arcs(tent(), arcParam(2.0, 3.0, 90.0)).empty());
+    EXPECT_TRUE(arcs(tent(), arcParam(2.0, 3.0, drop)).size() == 1u);  // >= counts
+}
+
+TEST(GloveArcs, LeftMaximumStartsAtZero) {
+    // k = 5 is the only candidate; the only angle left of it within the arc,
+    // A(4) = atan(-1.5), is negative, so L stays 0 and the drop is -A(5).
+    const std::vector<double> z{1, 2, 3, 4, 5, 6, 2, 1.5, 1, 0.5, 0.3};
+    const auto v = testutil::profileFromZ(z);
+    const auto found = arcs(v, arcParam(3.0, 1.0, 50.0));
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].featurePos.nPointIdx, 5);
+    EXPECT_DOUBLE_EQ(found[0].featureValue, 0.0 - deg(std::atan(-4.0)));
+}
+
+TEST(GloveArcs, FewerThanTenPointsGiveNothing) {
+    const std::vector<double> z{1, 2, 3, 4, 5, 6, 2, 1.5, 1, 0.5, 0.3};
+    std::vector<double> nine(z.begin(), z.begin() + 9), ten(z.begin(), z.begin() + 10);
+    EXPECT_TRUE(arcs(testutil::profileFromZ(nine), arcParam(3.0, 1.0, 50.0)).empty());
+    EXPECT_EQ(arcs(testutil::profileFromZ(ten), arcParam(3.0, 1.0, 50.0)).size(), 1u);
+    // Ten points, but with invalid ones among them, still go through.
+    auto withGaps = testutil::profileFromZ(ten);
+    withGaps[0].z = 0.0;
+    EXPECT_EQ(arcs(withGaps, arcParam(3.0, 1.0, 50.0)).size(), 1u);
+}
+
+TEST(GloveArcs, CandidatesAndPlateaus) {
+    // With a threshold no drop can miss, every candidate is reported.
+    const SHX_gloveArcParam all = arcParam(1.5, 2.0, -1e9);
+    // Of two equal highest points only the first survives (>= behind, > ahead).
+    const auto plateau = testutil::profileFromZ({1, 2, 3, 4, 6, 6, 3, 2, 1, 0.5, 0.3});
+    const auto found = arcs(plateau, all);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].featurePos.nPointIdx, 4);
+
+    // A steadily falling line: only its first point is a candidate (nothing
+    // behind it; nothing ahead rises above it). Its own angle is 0 (no
+    // backward chord end), the next angle -45 lies within the arc.
+    std::vector<double> falling;
+    for (int i = 0; i < 12; ++i) falling.push_back(20 - i);
+    const auto f2 = arcs(testutil::profileFromZ(falling), arcParam(1.0, 5.0, -1e9));
+    ASSERT_EQ(f2.size(), 1u);
+    EXPECT_EQ(f2[0].featurePos.nPointIdx, 0);
+    EXPECT_DOUBLE_EQ(f2[0].featureValue, 0.0 - deg(std::atan(-1.0)));
+}
+
+TEST(GloveArcs, ValidityIsStrictAndIndicesReferToTheInput) {
+    auto v = tent();
+    // Insert invalid points before the apex: z = 0 and z = 0.0001 (not valid here).
+    v.insert(v.begin() + 3, pt(0, 2.5, 0.0001));
+    v.insert(v.begin() + 3, pt(0, 2.4, 0.0));
+    const auto found = arcs(v, arcParam(2.0, 3.0, 80.0));
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].featurePos.nPointIdx, 12);  // the apex moved two places on
+    EXPECT_EQ(found[0].featurePos.z, 10.0);
+
+    std::vector<SKesp3DPosition> none(12, pt(0, 0, 0.0));
+    EXPECT_TRUE(arcs(none, arcParam(2.0, 3.0, -1e9)).empty());
+}
+
+TEST(GloveArcs, AppendsAndSurvivesDegenerateGeometry) {
+    std::vector<SHX_basicFeature1D> out(2);
+    rk_getLineGloveArcs(tent(), 0, arcParam(2.0, 3.0, 80.0), out);
+    EXPECT_EQ(out.size(), 3u);
+
+    // Vertical chords (all y equal) give +-90 degree angles, not a crash.
+    std::vector<SKesp3DPosition> wall;
+    for (int i = 0; i < 12; ++i) wall.push_back(pt(0, 0, 1 + (i < 6 ? i : 11 - i)));
+    const auto w = arcs(wall, arcParam(1.0, 2.0, -1e9));
+    for (const auto& f : w) EXPECT_FALSE(std::isnan(f.featureValue));
+
+    auto nanLine = tent();
+    nanLine[7].z = std::numeric_limits<double>::quiet_NaN();
+    arcs(nanLine, arcParam(2.0, 3.0, 0.0));
+    arcs(tent(), arcParam(std::numeric_limits<double>::quiet_NaN(), 3.0, 0.0));
+}
