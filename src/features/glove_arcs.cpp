@@ -1,6 +1,15 @@
 // Glove arcs: sharp bends of a profile through a local z maximum, measured by
 // the drop of the forward chord's slope angle around the point.
+//
+// Only candidates (points no neighbour within the chord rises above) need the
+// angle drop, and the drop only reads angles within searchArcLen of a
+// candidate; chord slopes are therefore computed on demand and remembered,
+// and a point is rejected as a candidate as soon as a higher neighbour is
+// seen. The angle is a non-decreasing function of the slope, so the largest
+// (smallest) angle over an arc is the angle of the largest (smallest) slope:
+// the arc tangent is taken twice per candidate instead of once per point.
 #include <cmath>
+#include <limits>
 #include <vector>
 
 #include "internal.h"
@@ -10,93 +19,146 @@ namespace {
 constexpr int32_t kGloveArcType = 13;
 constexpr size_t kMinLinePoints = 10;
 
-inline double yzDistance(const SKesp3DPosition& a, const SKesp3DPosition& b) {
-    const double dy = a.y - b.y, dz = a.z - b.z;
-    return std::sqrt(dy * dy + dz * dz);
-}
+// The valid points (z > 0.0001) of the line, by their input index, with the
+// per-point quantities computed on first use.
+class ArcLine {
+public:
+    ArcLine(const std::vector<SKesp3DPosition>& in, double chordLen) : in_(in.data()), chord_(chordLen) {
+        // y and z of the valid points in two contiguous arrays: the searches
+        // below read nothing else.
+        idx_.reserve(in.size());
+        y_.reserve(in.size());
+        z_.reserve(in.size());
+        for (size_t i = 0; i < in.size(); ++i) {
+            if (!pa_detail::isStrictlyValidZ(in[i].z)) continue;
+            idx_.push_back(static_cast<int32_t>(i));
+            y_.push_back(in[i].y);
+            z_.push_back(in[i].z);
+        }
+        const size_t m = idx_.size();
+        step_.assign(m, std::numeric_limits<double>::quiet_NaN());
+        slope_.assign(m, 0.0);
+        slopeKnown_.assign(m, 0);
+        // Squared chord bounds, widened by a few ulps, that decide
+        // sqrt(d2) >= chordLen without the root except right at the boundary.
+        chordSquareLo_ = chordLen * chordLen * (1.0 - 8 * std::numeric_limits<double>::epsilon());
+        chordSquareHi_ = chordLen * chordLen * (1.0 + 8 * std::numeric_limits<double>::epsilon());
+        squaredTestOk_ = chordLen > 0.0 && std::isfinite(chordSquareHi_) && chordSquareLo_ > 0.0;
+    }
 
-struct ArcWork {
-    std::vector<SKesp3DPosition> pts;  // strictly valid points, nPointIdx = input index
-    std::vector<double> angle;         // forward chord angle A(i), degrees (0 when undefined)
-    std::vector<double> step;          // S(i): y-z distance to the next valid point (0 for the last)
-    std::vector<int64_t> candidates;   // points no neighbour rises above
+    int64_t size() const { return static_cast<int64_t>(idx_.size()); }
+    const SKesp3DPosition& point(int64_t i) const { return in_[idx_[static_cast<size_t>(i)]]; }
+    int32_t inputIndex(int64_t i) const { return idx_[static_cast<size_t>(i)]; }
+
+    // S(i): y-z distance to the next valid point, 0 for the last.
+    double step(int64_t i) {
+        double& s = step_[static_cast<size_t>(i)];
+        if (std::isnan(s)) {
+            s = 0.0;
+            if (i + 1 < size()) {
+                const double dy = y_[i] - y_[i + 1], dz = z_[i] - z_[i + 1];
+                s = std::sqrt(dy * dy + dz * dz);
+            }
+        }
+        return s;
+    }
+
+    // True when no point before the backward chord end (that end included)
+    // reaches z(i), and none up to the forward chord end exceeds it.
+    bool isCandidate(int64_t i) const {
+        const double* z = z_.data();
+        const double zi = z[i];
+        // The immediate neighbours are always visited: a cheap first rejection.
+        if (i > 0 && z[i - 1] >= zi) return false;
+        if (i + 1 < size() && z[i + 1] > zi) return false;
+        for (int64_t j = i - 1; j >= 0; --j) {
+            if (z[j] >= zi) return false;
+            if (reachesChord(i, j)) break;
+        }
+        for (int64_t j = i + 1; j < size(); ++j) {
+            if (z[j] > zi) return false;
+            if (reachesChord(i, j)) break;
+        }
+        return true;
+    }
+
+    // Slope dz / |dy| of the chord to the first point at least chordLen
+    // ahead; 0 unless both chord ends exist (the angle is then 0 as well).
+    double slope(int64_t i) {
+        const size_t u = static_cast<size_t>(i);
+        if (!slopeKnown_[u]) {
+            slopeKnown_[u] = 1;
+            slope_[u] = chordSlope(i);
+        }
+        return slope_[u];
+    }
+
+private:
+    // The y-z distance of valid points a and b is at least chordLen, exactly
+    // as the rooted comparison decides it.
+    bool reachesChord(int64_t a, int64_t b) const {
+        const double dy = y_[a] - y_[b], dz = z_[a] - z_[b];
+        const double d2 = dy * dy + dz * dz;
+        if (squaredTestOk_) {
+            if (d2 < chordSquareLo_) return false;
+            if (d2 > chordSquareHi_) return true;
+        }
+        return std::sqrt(d2) >= chord_;
+    }
+
+    // The backward chord end exists when any earlier point is chordLen away;
+    // the line's first point usually is, which settles it at once.
+    bool hasBackwardChordEnd(int64_t i) const {
+        for (int64_t j = 0; j < i; ++j)
+            if (reachesChord(i, j)) return true;
+        return false;
+    }
+
+    double chordSlope(int64_t i) const {
+        if (!hasBackwardChordEnd(i)) return 0.0;
+        for (int64_t j = i + 1; j < size(); ++j)
+            if (reachesChord(i, j)) return (z_[j] - z_[i]) / std::fabs(y_[j] - y_[i]);
+        return 0.0;
+    }
+
+    const SKesp3DPosition* in_;
+    double chord_;
+    double chordSquareLo_ = 0.0, chordSquareHi_ = 0.0;
+    bool squaredTestOk_ = false;
+    std::vector<int32_t> idx_;
+    std::vector<double> y_, z_;
+    std::vector<double> step_;
+    std::vector<double> slope_;
+    std::vector<uint8_t> slopeKnown_;
 };
 
-void collectValidPoints(const std::vector<SKesp3DPosition>& in, ArcWork& w) {
-    w.pts.reserve(in.size());
-    for (size_t i = 0; i < in.size(); ++i) {
-        if (!pa_detail::isStrictlyValidZ(in[i].z)) continue;
-        SKesp3DPosition p = in[i];
-        p.nPointIdx = static_cast<int64_t>(i);
-        w.pts.push_back(p);
-    }
-}
+double slopeAngle(double slope) { return pa_detail::radToDegLiteral(std::atan(slope)); }
 
-// For every valid point: the extreme test against the points up to each chord
-// end, and the forward chord's angle. Both searches stop at the chord end, so
-// the work per point follows the number of points within chordLen.
-void measureChords(double chordLen, ArcWork& w) {
-    const int64_t m = static_cast<int64_t>(w.pts.size());
-    const SKesp3DPosition* p = w.pts.data();
-    w.step.assign(static_cast<size_t>(m), 0.0);
-    for (int64_t i = 0; i + 1 < m; ++i) w.step[static_cast<size_t>(i)] = yzDistance(p[i], p[i + 1]);
-    w.angle.assign(static_cast<size_t>(m), 0.0);
-
-    for (int64_t i = 0; i < m; ++i) {
-        const double zi = p[i].z;
-        bool candidate = true;
-        bool hasBackEnd = false;
-        for (int64_t j = i - 1; j >= 0; --j) {
-            if (p[j].z >= zi) candidate = false;
-            if (yzDistance(p[i], p[j]) >= chordLen) {
-                hasBackEnd = true;
-                break;
-            }
-        }
-        int64_t forwardEnd = -1;
-        for (int64_t j = i + 1; j < m; ++j) {
-            // Strictly greater ahead: of equal highest points the first survives.
-            if (p[j].z > zi) candidate = false;
-            const double d = (j == i + 1) ? w.step[static_cast<size_t>(i)] : yzDistance(p[i], p[j]);
-            if (d >= chordLen) {
-                forwardEnd = j;
-                break;
-            }
-        }
-        if (candidate) w.candidates.push_back(i);
-        if (hasBackEnd && forwardEnd >= 0) {
-            const SKesp3DPosition& f = p[forwardEnd];
-            w.angle[static_cast<size_t>(i)] = pa_detail::radToDegLiteral(std::atan((f.z - zi) / std::fabs(f.y - p[i].y)));
-        }
-    }
-}
-
-// Largest angle over the arc before k (from 0.0; the point that completes
-// the arc length still counts).
-double leftMaximum(const ArcWork& w, int64_t k, double searchArcLen) {
+// Largest angle over the arc before k, starting from 0.0 (the angle of slope
+// 0); the point that completes the arc length still counts.
+double leftMaximum(ArcLine& line, int64_t k, double searchArcLen) {
     double best = 0.0, walked = 0.0;
     for (int64_t j = k - 1; j >= 0; --j) {
-        const double a = w.angle[static_cast<size_t>(j)];
-        if (a > best) best = a;
-        walked += w.step[static_cast<size_t>(j)];
+        const double s = line.slope(j);
+        if (s > best) best = s;
+        walked += line.step(j);
         if (walked >= searchArcLen) break;
     }
-    return best;
+    return slopeAngle(best);
 }
 
-// Smallest angle over the arc from k on (from A(k); the point that completes
-// the arc length does not count).
-double rightMinimum(const ArcWork& w, int64_t k, double searchArcLen) {
-    const int64_t m = static_cast<int64_t>(w.pts.size());
-    double best = w.angle[static_cast<size_t>(k)];
-    double walked = w.step[static_cast<size_t>(k)];
-    for (int64_t j = k + 1; j < m; ++j) {
-        walked += w.step[static_cast<size_t>(j)];
+// Smallest angle over the arc from k on, starting from k's own; the point
+// that completes the arc length does not count.
+double rightMinimum(ArcLine& line, int64_t k, double searchArcLen) {
+    double best = line.slope(k);
+    double walked = line.step(k);
+    for (int64_t j = k + 1; j < line.size(); ++j) {
+        walked += line.step(j);
         if (walked >= searchArcLen) break;
-        const double a = w.angle[static_cast<size_t>(j)];
-        if (a < best) best = a;
+        const double s = line.slope(j);
+        if (s < best) best = s;
     }
-    return best;
+    return slopeAngle(best);
 }
 
 }  // namespace
@@ -104,17 +166,16 @@ double rightMinimum(const ArcWork& w, int64_t k, double searchArcLen) {
 PA_API void rk_getLineGloveArcs(const std::vector<SKesp3DPosition>& linePts, int lineIdx, SHX_gloveArcParam param,
                                 std::vector<SHX_basicFeature1D>& gloveArcs) {
     if (linePts.size() < kMinLinePoints) return;
-    ArcWork w;
-    collectValidPoints(linePts, w);
-    if (w.pts.empty()) return;
-    measureChords(param.chordLen, w);
-    for (const int64_t k : w.candidates) {
-        const double drop = leftMaximum(w, k, param.searchArcLen) - rightMinimum(w, k, param.searchArcLen);
+    ArcLine line(linePts, param.chordLen);
+    for (int64_t k = 0; k < line.size(); ++k) {
+        if (!line.isCandidate(k)) continue;
+        const double drop = leftMaximum(line, k, param.searchArcLen) - rightMinimum(line, k, param.searchArcLen);
         if (drop >= param.minArcAngle) {
             SHX_basicFeature1D f;
             f.featureType = kGloveArcType;
             f.lineIdx = lineIdx;
-            f.featurePos = w.pts[static_cast<size_t>(k)];
+            f.featurePos = line.point(k);
+            f.featurePos.nPointIdx = line.inputIndex(k);
             f.featureValue = drop;
             gloveArcs.push_back(f);
         }

@@ -38,10 +38,10 @@ public:
         return a;
     }
 
-    // Extends the arm of point i until the first point farther than reach
-    // (|dy| + |dz| > reach) or the end of the line.
-    void extend(Arm& a, int64_t i, int step, double reach) const {
-        if (a.exhausted) return;
+    // Takes the arm one valid point further. Returns false once the arm is
+    // complete: its far end found (the first point with |dy| + |dz| > reach)
+    // or the line run out.
+    bool advance(Arm& a, int64_t i, int step, double reach) const {
         const double yi = pts_[i].y, zi = pts_[i].z;
         int64_t j = a.next;
         for (; j >= 0 && j < n_; j += step) {
@@ -52,14 +52,25 @@ public:
             if (!(dy + dz <= reach)) {
                 a.next = j;
                 a.hasFarEnd = true;
-                return;
+                return false;
             }
             if (dy > a.maxDy) a.maxDy = dy;
             if (dz > a.maxDz) a.maxDz = dz;
+            a.next = j + step;
+            return true;
         }
         a.next = j;
         a.hasFarEnd = false;
         a.exhausted = true;
+        return false;
+    }
+
+    // Walks the arm to completion with the given reach (resuming after its
+    // far end when it was walked before with a smaller reach).
+    void extend(Arm& a, int64_t i, int step, double reach) const {
+        if (a.exhausted) return;
+        while (advance(a, i, step, reach)) {
+        }
     }
 
 private:
@@ -104,18 +115,27 @@ Measured measure(const ArmWalker& w, const Arm& screened, int64_t i, int step, d
 int32_t classifyPoint(const ArmWalker& w, const SKesp3DPosition* pts, int64_t i, const SHX_lineRightAngleParam* p,
                       const Reaches& lim, bool& adjacent) {
     adjacent = false;
+    const double tmax = lim.tmax;
+    // Screening: both arms are walked in step, and the walk stops as soon as
+    // their maxima (which only grow) rule out both kinds.
     Arm back = w.start(i, -1), fwd = w.start(i, +1);
-    w.extend(back, i, -1, lim.rmin);
-    if (!back.hasFarEnd) return 0;
-    w.extend(fwd, i, +1, lim.rmin);
-    if (!fwd.hasFarEnd) return 0;
+    bool backMore = true, fwdMore = true;
+    while (backMore || fwdMore) {
+        if (backMore) backMore = w.advance(back, i, -1, lim.rmin);
+        if (fwdMore) fwdMore = w.advance(fwd, i, +1, lim.rmin);
+        const bool flatBeforeOpen = tmax > back.maxDz && tmax > fwd.maxDy;
+        const bool wallBeforeOpen = tmax > back.maxDy && tmax > fwd.maxDz;
+        if (!flatBeforeOpen && !wallBeforeOpen) return 0;
+    }
+    if (!back.hasFarEnd || !fwd.hasFarEnd) return 0;
+    // An arm ending at the very next point has no points; its |dy| counts as 0.
     const bool backAdjacent = back.next == i - 1;
     const double backDy = backAdjacent ? 0.0 : back.maxDy;
     const double zi = pts[i].z;
 
     // First kind: flat arm before, wall after. Once its screening passes the
     // point is finished, whether or not its own test succeeds.
-    if (lim.tmax > back.maxDz && lim.tmax > fwd.maxDy) {
+    if (tmax > back.maxDz && tmax > fwd.maxDy) {
         const bool wallRises = pts[fwd.next].z > zi;
         const SHX_lineRightAngleParam& own = wallRises ? p[0] : p[2];
         const Measured b = measure(w, back, i, -1, own.flatArmLen, lim.rmin);
@@ -130,7 +150,7 @@ int32_t classifyPoint(const ArmWalker& w, const SKesp3DPosition* pts, int64_t i,
     }
 
     // Second kind: wall before, flat arm after.
-    if (lim.tmax > backDy && lim.tmax > fwd.maxDz) {
+    if (tmax > backDy && tmax > fwd.maxDz) {
         const bool cornerAbove = zi > pts[back.next].z;
         const SHX_lineRightAngleParam& own = cornerAbove ? p[1] : p[3];
         const Measured b = measure(w, back, i, -1, own.wallArmLen, lim.rmin);

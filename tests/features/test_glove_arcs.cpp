@@ -126,3 +126,90 @@ TEST(GloveArcs, AppendsAndSurvivesDegenerateGeometry) {
     arcs(nanLine, arcParam(2.0, 3.0, 0.0));
     arcs(tent(), arcParam(std::numeric_limits<double>::quiet_NaN(), 3.0, 0.0));
 }
+
+namespace {
+
+// The detector written plainly from its definition: every valid point's
+// angle and step up front, full searches, no shortcuts.
+std::vector<SHX_basicFeature1D> plainGloveArcs(const std::vector<SKesp3DPosition>& in, int lineIdx,
+                                               SHX_gloveArcParam prm) {
+    std::vector<SHX_basicFeature1D> out;
+    if (in.size() < 10) return out;
+    std::vector<SKesp3DPosition> p;
+    for (size_t i = 0; i < in.size(); ++i)
+        if (in[i].z > 0.0001) {
+            p.push_back(in[i]);
+            p.back().nPointIdx = static_cast<int64_t>(i);
+        }
+    const int m = static_cast<int>(p.size());
+    auto d = [&](int a, int b) { return std::sqrt((p[a].y - p[b].y) * (p[a].y - p[b].y) + (p[a].z - p[b].z) * (p[a].z - p[b].z)); };
+    std::vector<double> A(m, 0.0), S(m, 0.0);
+    std::vector<int> cand;
+    for (int i = 0; i + 1 < m; ++i) S[i] = d(i, i + 1);
+    for (int i = 0; i < m; ++i) {
+        bool c = true;
+        int b = -1, f = -1;
+        for (int j = i - 1; j >= 0; --j) {
+            if (p[j].z >= p[i].z) c = false;
+            if (d(i, j) >= prm.chordLen) { b = j; break; }
+        }
+        for (int j = i + 1; j < m; ++j) {
+            if (p[j].z > p[i].z) c = false;
+            if (d(i, j) >= prm.chordLen) { f = j; break; }
+        }
+        if (c) cand.push_back(i);
+        if (b >= 0 && f >= 0) A[i] = std::atan((p[f].z - p[i].z) / std::fabs(p[f].y - p[i].y)) * 180.0 / 3.141592654;
+    }
+    for (int k : cand) {
+        double L = 0.0, w = 0.0;
+        for (int j = k - 1; j >= 0; --j) {
+            if (A[j] > L) L = A[j];
+            w += S[j];
+            if (w >= prm.searchArcLen) break;
+        }
+        double R = A[k];
+        w = S[k];
+        for (int j = k + 1; j < m; ++j) {
+            w += S[j];
+            if (w >= prm.searchArcLen) break;
+            if (A[j] < R) R = A[j];
+        }
+        if (L - R >= prm.minArcAngle) {
+            SHX_basicFeature1D f;
+            f.featureType = 13;
+            f.lineIdx = lineIdx;
+            f.featurePos = p[k];
+            f.featureValue = L - R;
+            out.push_back(f);
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST(GloveArcs, MatchesPlainDefinitionOnRandomProfiles) {
+    testutil::Rng rng(2024);
+    for (int trial = 0; trial < 400; ++trial) {
+        const int n = static_cast<int>(rng.integer(0, 120));
+        std::vector<SKesp3DPosition> v;
+        double y = 0;
+        for (int i = 0; i < n; ++i) {
+            y += rng.integer(0, 4) == 0 ? 0.0 : rng.uniform(0.05, 0.4);  // repeated y: vertical chords
+            double z = 10 + 3 * std::sin(y * rng.uniform(0.5, 2.0)) + rng.uniform(-0.3, 0.3);
+            if (rng.integer(0, 9) == 0) z = 0.0;
+            if (rng.integer(0, 15) == 0 && i > 0) z = v.back().z;  // plateaus
+            v.push_back(pt(i, y, z, -1));
+        }
+        const SHX_gloveArcParam prm = arcParam(rng.uniform(0.0, 1.5), rng.uniform(0.0, 3.0), rng.uniform(-10.0, 120.0));
+        const auto want = plainGloveArcs(v, trial, prm);
+        const auto got = arcs(v, prm, trial);
+        ASSERT_EQ(got.size(), want.size()) << "trial " << trial;
+        for (size_t i = 0; i < got.size(); ++i) {
+            EXPECT_EQ(got[i].featurePos.nPointIdx, want[i].featurePos.nPointIdx);
+            EXPECT_EQ(got[i].featurePos.y, want[i].featurePos.y);
+            // Identical, not merely close.
+            EXPECT_EQ(got[i].featureValue, want[i].featureValue) << "trial " << trial;
+        }
+    }
+}

@@ -1,4 +1,6 @@
 // Right-angle corners on hand-built steps.
+#include <algorithm>
+#include <cmath>
 #include <limits>
 
 #include <gtest/gtest.h>
@@ -169,4 +171,123 @@ TEST(RightAngle, NanHeightsDoNotLoopOrCrash) {
     for (const auto& f : lf.features) EXPECT_TRUE(f.featureType >= 9 && f.featureType <= 12);
     const auto nanKind = kind(std::numeric_limits<double>::quiet_NaN(), 2, 0.5);
     hx_getLineRigthAngleFeature(v.data(), static_cast<int32_t>(v.size()), 1, nanKind, p, p, p, &lf);
+}
+
+namespace {
+
+// The detector written plainly from its definition: every arm walked from
+// the point itself, every measurement separate, no early exits.
+struct PlainArm {
+    double dy = -1.0, dz = -1.0;
+    int far = -1;  // -1: ran out of points
+};
+
+PlainArm plainArm(const std::vector<SKesp3DPosition>& v, int i, int step, double reach) {
+    PlainArm a;
+    for (int j = i + step; j >= 0 && j < static_cast<int>(v.size()); j += step) {
+        if (!(v[j].z > 0.0001)) continue;
+        const double dy = std::fabs(v[j].y - v[i].y), dz = std::fabs(v[j].z - v[i].z);
+        if (dy + dz > reach) {
+            a.far = j;
+            return a;
+        }
+        a.dy = std::max(a.dy, dy);
+        a.dz = std::max(a.dz, dz);
+    }
+    return a;
+}
+
+std::vector<Found> plainRightAngles(const std::vector<SKesp3DPosition>& v, const SHX_lineRightAngleParam p[4]) {
+    const int n = static_cast<int>(v.size());
+    double rmin = p[0].flatArmLen, tmax = p[0].maxDeviation;
+    for (int k = 0; k < 4; ++k) {
+        rmin = std::min(rmin, std::min(p[k].flatArmLen, p[k].wallArmLen));
+        tmax = std::max(tmax, p[k].maxDeviation);
+    }
+    std::vector<int> type(n, 0), adj(n, 0);
+    for (int i = 0; i < n; ++i) {
+        if (v[i].z < 0.0001) continue;
+        const PlainArm b = plainArm(v, i, -1, rmin), f = plainArm(v, i, +1, rmin);
+        if (b.far < 0 || f.far < 0) continue;
+        const bool bAdj = b.far == i - 1;
+        const double bDy = bAdj ? 0.0 : b.dy;
+        // A measured arm without a far end reports 0.
+        auto measured = [&](int step, double reach, bool wantDy, bool& isAdj) {
+            const PlainArm a = plainArm(v, i, step, reach);
+            isAdj = step < 0 && a.far == i - 1;
+            if (a.far < 0) return 0.0;
+            return wantDy ? a.dy : a.dz;
+        };
+        bool ab = false, af = false;
+        if (tmax > b.dz && tmax > f.dy) {
+            const SHX_lineRightAngleParam& q = v[f.far].z > v[i].z ? p[0] : p[2];
+            const double dz = measured(-1, q.flatArmLen, false, ab), dy = measured(+1, q.wallArmLen, true, af);
+            if (p[0].maxDeviation > dz && p[0].maxDeviation > dy) {
+                type[i] = v[f.far].z > v[i].z ? 10 : 9;
+                adj[i] = ab;
+            }
+        } else if (tmax > bDy && tmax > f.dz) {
+            const bool above = v[i].z > v[b.far].z;
+            const SHX_lineRightAngleParam& q = above ? p[1] : p[3];
+            double dy = measured(-1, q.wallArmLen, true, ab);
+            if (ab) dy = 0.0;
+            const double dz = measured(+1, q.flatArmLen, false, af);
+            if (q.maxDeviation > dy && q.maxDeviation > dz) {
+                type[i] = above ? 12 : 11;
+                adj[i] = ab;
+            }
+        }
+    }
+    std::vector<Found> out;
+    for (int s = 0; s < n;) {
+        int e = s;
+        while (e + 1 < n && type[e + 1] == type[s]) ++e;
+        if (type[s] != 0) {
+            int c = -1;
+            for (int k = s; k <= e; ++k)
+                if (adj[k]) c = k;
+            if (c < 0) {
+                c = (s + e) / 2;
+                if (v[c].z < 0.0001)
+                    for (int k = 1; k <= c - s; ++k) {
+                        if (v[c + k].z > 0.0001) { c += k; break; }
+                        if (v[c - k].z > 0.0001) { c -= k; break; }
+                    }
+            }
+            out.push_back({type[s], c});
+        }
+        s = e + 1;
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST(RightAngle, MatchesPlainDefinitionOnRandomProfiles) {
+    testutil::Rng rng(99);
+    for (int trial = 0; trial < 500; ++trial) {
+        // Staircases of flats and walls with noise, coarse and fine sampling,
+        // missing points and heights right at the validity threshold.
+        std::vector<SKesp3DPosition> v;
+        double y = 0, z = 10;
+        const int n = static_cast<int>(rng.integer(0, 150));
+        for (int i = 0; i < n; ++i) {
+            if (rng.integer(0, 3) == 0) z += rng.uniform(-1.5, 1.5);  // wall step
+            else y += rng.uniform(0.05, 0.6);                          // flat step
+            double zz = z + rng.uniform(-0.05, 0.05);
+            const int64_t r = rng.integer(0, 20);
+            if (r == 0) zz = 0.0;
+            if (r == 1) zz = 0.0001;
+            v.push_back(pt(0, y + rng.uniform(-0.05, 0.05), zz));
+        }
+        SHX_lineRightAngleParam p[4];
+        for (auto& k : p) k = kind(rng.uniform(0.2, 2.5), rng.uniform(0.2, 2.5), rng.uniform(0.05, 0.6));
+        const auto want = plainRightAngles(v, p);
+        const auto got = detect(v, p[0], p[1], p[2], p[3]);
+        ASSERT_EQ(got.size(), want.size()) << "trial " << trial;
+        for (size_t i = 0; i < got.size(); ++i) {
+            EXPECT_EQ(got[i].type, want[i].type) << "trial " << trial;
+            EXPECT_EQ(got[i].idx, want[i].idx) << "trial " << trial;
+        }
+    }
 }
