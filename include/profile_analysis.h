@@ -431,7 +431,45 @@ PA_API void eulerToRotationMatrixZYX(const SHX_EulerAngles& e, double R[3][3]);
 // Feature tracking: semicircle trees
 // ===========================================================================
 
-// @@semicircletrees@@
+/// Tracks the upper semicircles of one scan line into trees; call it once per
+/// line, in scan order, with the same working vector `trees`.
+/// Each feature, in order: type 5 (used up) is skipped; type 1 or 3 seeds a new
+/// tree; any other type joins the first tree of `trees` that accepts it, or
+/// seeds one. A tree accepts f when it is not closed, its last node lies on
+/// another line and has neither type 2 nor 4, |f.y - last.y| <
+/// yDeviation_max, and either the line gap |f.lineIdx - last.lineIdx| <
+/// maxLineSkipNum or |f.x - last.x| < xDeviation_max. No z or type test.
+/// Crowding: the features right after f that pass the same y and gap/x test
+/// against that last node (up to the first that fails, whatever their type)
+/// compete with f; the one nearest in y joins (the earlier on ties) and all of
+/// them, f included, get type 5. A seeded tree has treeState 1, treeType 0,
+/// sLineIdx = eLineIdx = f.lineIdx, one node and all other fields zero.
+/// Then the growing trees are closed, from the last to the first, when
+/// maxLineSkipNum > 0 and |lineIdx - last.lineIdx| > maxLineSkipNum, or when
+/// lineIdx == lineNum - 1: treeState becomes 2 and the tree is moved to
+/// `validTrees` if its length (x-y distance of its first and last nodes) is
+/// strictly greater than minVTypeTreeLen, else to `shortTrees`, and erased from
+/// `trees` (the others keep their order).
+/// @param[in,out] lineFeatures  the line's semicircles; the types of the
+///                              features used up by crowding become 5
+/// @param[in]     lineIdx       index of the current line
+/// @param[in]     lineNum       number of lines in the scan
+/// @param[in,out] trees         the working trees, kept by the caller between
+///                              calls (empty before the first line; empty again
+///                              after the call for line lineNum - 1)
+/// @param[in,out] validTrees    closed long trees are appended
+/// @param[in,out] shortTrees    closed short trees are appended
+/// @param[in]     growParam     uses yDeviation_max, maxLineSkipNum,
+///                              xDeviation_max and minVTypeTreeLen only
+/// Empty `lineFeatures` only closes trees. NaN coordinates never match (such a
+/// feature seeds a tree of its own). Out of contract: a tree without nodes in
+/// `trees` takes nothing and closes only at the end of the scan, as a short
+/// tree.
+PA_API void hx_getFeatureGrowingTrees_semiCircle(std::vector<SHX_featureSemiCircle>& lineFeatures, int32_t lineIdx,
+                                                 int32_t lineNum, std::vector<SHX_semiCircleFeatureTree>& trees,
+                                                 std::vector<SHX_semiCircleFeatureTree>& validTrees,
+                                                 std::vector<SHX_semiCircleFeatureTree>& shortTrees,
+                                                 SHX_treeGrowParam growParam);
 
 // ===========================================================================
 // Image analysis: labelling
