@@ -395,6 +395,57 @@ PA_API void eulerToRotationMatrixZYX(const SHX_EulerAngles& e, double R[3][3]);
 // Per-line detectors: local peaks, down jumps, flat-line peaks
 // ===========================================================================
 
+/// Local z maxima (type 14) and minima (type 13) of one profile that dominate
+/// their neighbourhood along y.
+/// Candidates: walking the line, each valid point (z >= 0.0001) is compared
+/// with the previous valid point (gaps of invalid points are bridged). Where
+/// z turns from rising to falling the previous point is a peak candidate, from
+/// falling to rising a valley candidate. Equal z never changes a decided
+/// trend, so a plateau yields its last point; the first valid point is never a
+/// candidate; the last valid point becomes one only when the array ends in one
+/// or more invalid points (a valid last point adds no end candidate).
+/// Suppression: a peak candidate is dropped when another peak candidate within
+/// peakRangeY along y (x ignored; a neighbour at exactly peakRangeY is inside)
+/// is strictly higher; a valley candidate when one is strictly lower. Each
+/// side is scanned from the candidate outwards, in line order, and stops at
+/// the first candidate out of range even if a later one is in range again.
+/// Equal extremes within range are all kept.
+/// @param[in,out] points      pointCount points in scan order; the nPointIdx
+///                            of point i is set to i (all points, valid or not)
+/// @param[in]     pointCount  number of points; below 2 returns at once
+///                            without touching the points
+/// @param[in]     lineIdx     scan-line index copied into every record
+/// @param[in]     peakRangeY  neighbourhood half-width along y (length unit);
+///                            only its square is used, so its sign is ignored
+/// @param[in,out] peaks       survivors are appended (type 14, featurePos the
+///                            point, featureValue 0.0); never cleared
+/// @param[in,out] valleys     survivors are appended (type 13, likewise); all
+///                            valleys are appended before any peak, which shows
+///                            when the same vector is passed twice
+/// No valid point gives no record. A NaN y is never out of range; a NaN
+/// z counts as invalid; a NaN or infinite peakRangeY never ends a scan, so each
+/// candidate is compared with all others of its kind (quadratic, but it ends).
+PA_API void hx_getLineLocalPeaks(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double peakRangeY,
+                                 std::vector<SHX_basicFeature1D>& peaks, std::vector<SHX_basicFeature1D>& valleys);
+
+/// Upward jumps of z between consecutive valid points of one profile (type 1).
+/// A jump is recorded where z rises by strictly more than jumpThreshold from
+/// one valid point (z >= 0.0001) to the next; invalid points in between are
+/// bridged. Falls of z are ignored however large.
+/// @param[in,out] points         pointCount points in scan order; the
+///                               nPointIdx of point i is set to i
+/// @param[in]     pointCount     number of points; below 2 returns at once
+///                               without touching the points
+/// @param[in]     lineIdx        scan-line index copied into every record
+/// @param[in]     jumpThreshold  least z rise (exclusive), length unit
+/// @param[in,out] jumps          one record per jump is appended (type 1,
+///                               featurePos the valid point just before the
+///                               rise, featureValue 0.0); never cleared
+/// No valid point gives no record; a NaN z counts as invalid, and a NaN
+/// threshold finds no jump.
+PA_API void hx_getLineDownJumps(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double jumpThreshold,
+                                std::vector<SHX_basicFeature1D>& jumps);
+
 // @@peaks@@
 
 // ===========================================================================
