@@ -464,7 +464,48 @@ PA_API void hx_getLineDownJumps(SKesp3DPosition* points, int32_t pointCount, int
 // Per-line detectors: upper semicircles
 // ===========================================================================
 
-// @@semicircle@@
+/// Upper semicircles of one profile: short runs of valid points whose inside
+/// holds a local z minimum. Neighbouring semicircles of one labelled object
+/// are reported as one.
+/// Runs are maximal stretches of strictly valid points (z > 0.0001); a run
+/// whose first point lies less than maxGapY in y from the previous run's last
+/// point continues that run (chaining). On each run hx_getLineLocalPeaks is
+/// called with slopeParam.slopeRangeY; a run that holds one of its valleys
+/// strictly inside and whose end points lie less than 4 * maxHalfWidth apart
+/// in y is recorded as a semicircle: featureType 0, startPtIdx / endPtIdx its
+/// end points, peakPtIdx the valid point (z >= 0.0001) of the span whose y is
+/// nearest the mean of the ends' y (the earlier on ties), x, y, z of that
+/// point, width |y(end) - y(start)|, topZ the smallest valid z of the span.
+/// Merging: each recorded semicircle but the last is decided against its
+/// successor: when label row endPtIdx + 1 of it and label row startPtIdx - 1
+/// of the successor (column lineIdx) hold the same label, 1 or above, it takes
+/// the successor's end, its peak, width and topZ are recomputed over the new
+/// span, and the successor is used up; otherwise it is output unchanged. Only
+/// two neighbours merge at a time. The last recorded semicircle is never
+/// output on its own: it appears only merged into its predecessor, so a line
+/// with a single semicircle outputs nothing.
+/// @param[in,out] points        pointCount points; the nPointIdx of every point
+///                              of a run is set to its index within the run
+///                              (0, 1, ...), by hx_getLineLocalPeaks; points
+///                              outside runs keep theirs
+/// @param[in]     pointCount    number of points; below 1 does nothing
+/// @param[in]     lineIdx       scan-line index: copied into the records and
+///                              the column read from labelImg
+/// @param[in]     maxHalfWidth  largest half-width of a semicircle (length unit)
+/// @param[in]     slopeParam    uses slopeRangeY and maxGapY only
+/// @param[in,out] features      semicircles are appended, in line order
+/// @param[in]     labelImg      label image of the scan, CV_32SC1, one row per
+///                              point index and one column per line; only read,
+///                              never copied. Needs pointCount + 1 rows and a
+///                              column lineIdx; rows and columns outside the
+///                              image read as label 0 (no merge), and so does
+///                              every element of an image of another type
+/// A line without valid points, or without a narrow run holding a valley,
+/// gives nothing. A null points pointer gives nothing. NaN coordinates never
+/// join runs nor pass the width test.
+PA_API void hx_getLineUpperSemiCircleFeature(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx,
+                                             double maxHalfWidth, SHX_slopeParam slopeParam,
+                                             std::vector<SHX_featureSemiCircle>& features, const cv::Mat& labelImg);
 
 // ===========================================================================
 // Feature tracking: tree growing
