@@ -395,6 +395,57 @@ PA_API void eulerToRotationMatrixZYX(const SHX_EulerAngles& e, double R[3][3]);
 // Per-line detectors: local peaks, down jumps, flat-line peaks
 // ===========================================================================
 
+/// Local z maxima (type 14) and minima (type 13) of one profile that dominate
+/// their neighbourhood along y.
+/// Candidates: walking the line, each valid point (z >= 0.0001) is compared
+/// with the previous valid point (gaps of invalid points are bridged). Where
+/// z turns from rising to falling the previous point is a peak candidate, from
+/// falling to rising a valley candidate. Equal z never changes a decided
+/// trend, so a plateau yields its last point; the first valid point is never a
+/// candidate; the last valid point becomes one only when the array ends in one
+/// or more invalid points (a valid last point adds no end candidate).
+/// Suppression: a peak candidate is dropped when another peak candidate within
+/// peakRangeY along y (x ignored; a neighbour at exactly peakRangeY is inside)
+/// is strictly higher; a valley candidate when one is strictly lower. Each
+/// side is scanned from the candidate outwards, in line order, and stops at
+/// the first candidate out of range even if a later one is in range again.
+/// Equal extremes within range are all kept.
+/// @param[in,out] points      pointCount points in scan order; the nPointIdx
+///                            of point i is set to i (all points, valid or not)
+/// @param[in]     pointCount  number of points; below 2 returns at once
+///                            without touching the points
+/// @param[in]     lineIdx     scan-line index copied into every record
+/// @param[in]     peakRangeY  neighbourhood half-width along y (length unit);
+///                            only its square is used, so its sign is ignored
+/// @param[in,out] peaks       survivors are appended (type 14, featurePos the
+///                            point, featureValue 0.0); never cleared
+/// @param[in,out] valleys     survivors are appended (type 13, likewise); all
+///                            valleys are appended before any peak, which shows
+///                            when the same vector is passed twice
+/// No valid point gives no record. A NaN y is never out of range; a NaN
+/// z counts as invalid; a NaN or infinite peakRangeY never ends a scan, so each
+/// candidate is compared with all others of its kind (quadratic, but it ends).
+PA_API void hx_getLineLocalPeaks(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double peakRangeY,
+                                 std::vector<SHX_basicFeature1D>& peaks, std::vector<SHX_basicFeature1D>& valleys);
+
+/// Upward jumps of z between consecutive valid points of one profile (type 1).
+/// A jump is recorded where z rises by strictly more than jumpThreshold from
+/// one valid point (z >= 0.0001) to the next; invalid points in between are
+/// bridged. Falls of z are ignored however large.
+/// @param[in,out] points         pointCount points in scan order; the
+///                               nPointIdx of point i is set to i
+/// @param[in]     pointCount     number of points; below 2 returns at once
+///                               without touching the points
+/// @param[in]     lineIdx        scan-line index copied into every record
+/// @param[in]     jumpThreshold  least z rise (exclusive), length unit
+/// @param[in,out] jumps          one record per jump is appended (type 1,
+///                               featurePos the valid point just before the
+///                               rise, featureValue 0.0); never cleared
+/// No valid point gives no record; a NaN z counts as invalid, and a NaN
+/// threshold finds no jump.
+PA_API void hx_getLineDownJumps(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double jumpThreshold,
+                                std::vector<SHX_basicFeature1D>& jumps);
+
 // @@peaks@@
 
 // ===========================================================================
@@ -464,7 +515,48 @@ PA_API void rk_getLineGloveArcs(const std::vector<SKesp3DPosition>& linePts, int
 // Per-line detectors: upper semicircles
 // ===========================================================================
 
-// @@semicircle@@
+/// Upper semicircles of one profile: short runs of valid points whose inside
+/// holds a local z minimum. Neighbouring semicircles of one labelled object
+/// are reported as one.
+/// Runs are maximal stretches of strictly valid points (z > 0.0001); a run
+/// whose first point lies less than maxGapY in y from the previous run's last
+/// point continues that run (chaining). On each run hx_getLineLocalPeaks is
+/// called with slopeParam.slopeRangeY; a run that holds one of its valleys
+/// strictly inside and whose end points lie less than 4 * maxHalfWidth apart
+/// in y is recorded as a semicircle: featureType 0, startPtIdx / endPtIdx its
+/// end points, peakPtIdx the valid point (z >= 0.0001) of the span whose y is
+/// nearest the mean of the ends' y (the earlier on ties), x, y, z of that
+/// point, width |y(end) - y(start)|, topZ the smallest valid z of the span.
+/// Merging: each recorded semicircle but the last is decided against its
+/// successor: when label row endPtIdx + 1 of it and label row startPtIdx - 1
+/// of the successor (column lineIdx) hold the same label, 1 or above, it takes
+/// the successor's end, its peak, width and topZ are recomputed over the new
+/// span, and the successor is used up; otherwise it is output unchanged. Only
+/// two neighbours merge at a time. The last recorded semicircle is never
+/// output on its own: it appears only merged into its predecessor, so a line
+/// with a single semicircle outputs nothing.
+/// @param[in,out] points        pointCount points; the nPointIdx of every point
+///                              of a run is set to its index within the run
+///                              (0, 1, ...), by hx_getLineLocalPeaks; points
+///                              outside runs keep theirs
+/// @param[in]     pointCount    number of points; below 1 does nothing
+/// @param[in]     lineIdx       scan-line index: copied into the records and
+///                              the column read from labelImg
+/// @param[in]     maxHalfWidth  largest half-width of a semicircle (length unit)
+/// @param[in]     slopeParam    uses slopeRangeY and maxGapY only
+/// @param[in,out] features      semicircles are appended, in line order
+/// @param[in]     labelImg      label image of the scan, CV_32SC1, one row per
+///                              point index and one column per line; only read,
+///                              never copied. Needs pointCount + 1 rows and a
+///                              column lineIdx; rows and columns outside the
+///                              image read as label 0 (no merge), and so does
+///                              every element of an image of another type
+/// A line without valid points, or without a narrow run holding a valley,
+/// gives nothing. A null points pointer gives nothing. NaN coordinates never
+/// join runs nor pass the width test.
+PA_API void hx_getLineUpperSemiCircleFeature(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx,
+                                             double maxHalfWidth, SHX_slopeParam slopeParam,
+                                             std::vector<SHX_featureSemiCircle>& features, const cv::Mat& labelImg);
 
 // ===========================================================================
 // Feature tracking: tree growing
@@ -482,7 +574,45 @@ PA_API void rk_getLineGloveArcs(const std::vector<SKesp3DPosition>& linePts, int
 // Feature tracking: semicircle trees
 // ===========================================================================
 
-// @@semicircletrees@@
+/// Tracks the upper semicircles of one scan line into trees; call it once per
+/// line, in scan order, with the same working vector `trees`.
+/// Each feature, in order: type 5 (used up) is skipped; type 1 or 3 seeds a new
+/// tree; any other type joins the first tree of `trees` that accepts it, or
+/// seeds one. A tree accepts f when it is not closed, its last node lies on
+/// another line and has neither type 2 nor 4, |f.y - last.y| <
+/// yDeviation_max, and either the line gap |f.lineIdx - last.lineIdx| <
+/// maxLineSkipNum or |f.x - last.x| < xDeviation_max. No z or type test.
+/// Crowding: the features right after f that pass the same y and gap/x test
+/// against that last node (up to the first that fails, whatever their type)
+/// compete with f; the one nearest in y joins (the earlier on ties) and all of
+/// them, f included, get type 5. A seeded tree has treeState 1, treeType 0,
+/// sLineIdx = eLineIdx = f.lineIdx, one node and all other fields zero.
+/// Then the growing trees are closed, from the last to the first, when
+/// maxLineSkipNum > 0 and |lineIdx - last.lineIdx| > maxLineSkipNum, or when
+/// lineIdx == lineNum - 1: treeState becomes 2 and the tree is moved to
+/// `validTrees` if its length (x-y distance of its first and last nodes) is
+/// strictly greater than minVTypeTreeLen, else to `shortTrees`, and erased from
+/// `trees` (the others keep their order).
+/// @param[in,out] lineFeatures  the line's semicircles; the types of the
+///                              features used up by crowding become 5
+/// @param[in]     lineIdx       index of the current line
+/// @param[in]     lineNum       number of lines in the scan
+/// @param[in,out] trees         the working trees, kept by the caller between
+///                              calls (empty before the first line; empty again
+///                              after the call for line lineNum - 1)
+/// @param[in,out] validTrees    closed long trees are appended
+/// @param[in,out] shortTrees    closed short trees are appended
+/// @param[in]     growParam     uses yDeviation_max, maxLineSkipNum,
+///                              xDeviation_max and minVTypeTreeLen only
+/// Empty `lineFeatures` only closes trees. NaN coordinates never match (such a
+/// feature seeds a tree of its own). Out of contract: a tree without nodes in
+/// `trees` takes nothing and closes only at the end of the scan, as a short
+/// tree.
+PA_API void hx_getFeatureGrowingTrees_semiCircle(std::vector<SHX_featureSemiCircle>& lineFeatures, int32_t lineIdx,
+                                                 int32_t lineNum, std::vector<SHX_semiCircleFeatureTree>& trees,
+                                                 std::vector<SHX_semiCircleFeatureTree>& validTrees,
+                                                 std::vector<SHX_semiCircleFeatureTree>& shortTrees,
+                                                 SHX_treeGrowParam growParam);
 
 // ===========================================================================
 // Image analysis: labelling
