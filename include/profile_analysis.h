@@ -446,7 +446,34 @@ PA_API void hx_getLineLocalPeaks(SKesp3DPosition* points, int32_t pointCount, in
 PA_API void hx_getLineDownJumps(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double jumpThreshold,
                                 std::vector<SHX_basicFeature1D>& jumps);
 
-// @@peaks@@
+/// Bumps standing on a flat, possibly tilted surface (a conveyor belt, a
+/// plate): local maxima of the height above a fitted base line (type 14).
+/// The base line z = k * y + b is fitted by least squares to the valid points
+/// (z >= 0.0001), then refitted once to the valid points whose residual
+/// z - (k * y + b) is strictly below flatTolerance in absolute value. The
+/// residual above the refitted line then takes the place of z in the rules of
+/// hx_getLineLocalPeaks: the same candidate scan (plateaus keep their last
+/// point, gaps are bridged, an end candidate only when the line ends in
+/// invalid points) and the same suppression within peakRangeY along y; a
+/// survivor is reported when its residual is strictly greater than
+/// minPeakHeight.
+/// @param[in]     line           the profile in scan order (read only)
+/// @param[in]     lineIdx        scan-line index copied into every record
+/// @param[in]     peakRangeY     neighbourhood half-width along y (sign ignored)
+/// @param[in]     minPeakHeight  least height above the base line (exclusive)
+/// @param[in]     flatTolerance  largest |residual| (exclusive) of the points
+///                               the base line is refitted to
+/// @param[in,out] peaks          one record per bump is appended: featurePos
+///                               a copy of the point with nPointIdx set to its
+///                               array index, featureValue its height above
+///                               the base line; never cleared
+/// Fewer than 3 valid points, fewer than 2 flat points for the refit, or
+/// points that do not spread along y give nothing. A NaN y of a valid point
+/// leaves no base line, so nothing is found; a NaN z counts as invalid; x is
+/// only copied.
+PA_API void hx_getFlatLineLocalPeaks_vector(const std::vector<SKesp3DPosition>& line, int32_t lineIdx,
+                                            double peakRangeY, double minPeakHeight, double flatTolerance,
+                                            std::vector<SHX_basicFeature1D>& peaks);
 
 // ===========================================================================
 // Per-line detectors: L/V features
