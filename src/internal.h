@@ -55,9 +55,7 @@ inline double radToDegLiteral(double radians) { return radians * 180.0 / kPiLite
 // ---------------------------------------------------------------------------
 
 /// Least-squares sums of z on x and y over single-precision points, each
-/// coordinate widened to double before it is multiplied or added. Adding the
-/// points in one order always gives the same sums, so a pass that gathers
-/// points may accumulate them on the fly instead of walking them again.
+/// coordinate widened to double before it is multiplied or added.
 struct PlaneSums {
     double sxx = 0.0, sxy = 0.0, syy = 0.0, sx = 0.0, sy = 0.0;
     double sxz = 0.0, syz = 0.0, sz = 0.0;

@@ -9,7 +9,6 @@
 #include "internal.h"
 
 using pa_detail::isValidZ;
-using pa_detail::PlaneSums;
 
 namespace {
 
@@ -172,27 +171,26 @@ void bandLimits(const std::vector<HistogramEntry>& valleys, int32_t peakBin, int
 }
 
 /// Gathers, in scan order, the calibration points with zLow <= z <= zHigh in
-/// single precision and accumulates their least-squares sums.
-void collectBand(const ScanView& scan, double zLow, double zHigh, std::vector<cv::Point3f>& band,
-                 PlaneSums& sums) {
+/// single precision.
+void collectBand(const ScanView& scan, double zLow, double zHigh, std::vector<cv::Point3f>& band) {
     for (const LineSpan& line : scan) {
         const SKesp3DPosition* p = line.pts;
         for (int64_t i = 0; i < line.count; ++i) {
             const double z = p[i].z;
             if (!isCalibrationZ(z) || z < zLow || z > zHigh) continue;
-            const cv::Point3f q(static_cast<float>(p[i].x), static_cast<float>(p[i].y), static_cast<float>(z));
-            band.push_back(q);
-            sums.add(q);
+            band.emplace_back(static_cast<float>(p[i].x), static_cast<float>(p[i].y), static_cast<float>(z));
         }
     }
 }
 
-/// Levels the plane fitted to `pts` (whose sums are `sums`): the rotation that
-/// turns its normal to (0, 0, -1), the inverse rotation, and the lowest
-/// levelled height of the points, each rounded to single precision (0.0 when
-/// there is no point).
-SHX_planeCalibPara levelFittedPlane(const std::vector<cv::Point3f>& pts, const PlaneSums& sums) {
-    const cv::Vec4d plane = pa_detail::solvePlane(sums);
+/// Levels the plane fitted to `pts`: the rotation that turns its normal to
+/// (0, 0, -1), the inverse rotation, and the lowest levelled height of the
+/// points, each rounded to single precision (0.0 when there is no point).
+/// The fit reads the stored single-precision points rather than summing them
+/// while they are gathered: GCC 12 at -O3 was seen to vectorise such a fused
+/// loop with the unrounded doubles, which changes the sums in the last bits.
+SHX_planeCalibPara levelFittedPlane(const std::vector<cv::Point3f>& pts) {
+    const cv::Vec4d plane = pa_detail::planeFitting(pts);
     const cv::Vec3d normal(plane[0], plane[1], plane[2]);
     const cv::Vec3d down(0.0, 0.0, -1.0);
     SHX_planeCalibPara r;
@@ -245,9 +243,8 @@ SHX_planeCalibPara calibrateScan(const ScanView& scan) {
 
     std::vector<cv::Point3f> band;
     band.reserve(bandCapacity(hist, low >= 0 ? low : 0, high >= 0 ? high : n - 1));
-    PlaneSums sums;
-    collectBand(scan, zLow, zHigh, band, sums);
-    return levelFittedPlane(band, sums);
+    collectBand(scan, zLow, zHigh, band);
+    return levelFittedPlane(band);
 }
 
 /// Whether a point lies in a caller region. The upper z bound is compared
@@ -283,7 +280,6 @@ PA_API SHX_planeCalibPara hx_getPlaneCalibPara2(const std::vector<std::vector<SK
 PA_API SHX_planeCalibPara hx_getPlaneCalibPara_ROIs(const SKesp3DLaserLine* lines, int32_t lineNum,
                                                     const std::vector<SKesp3DRangeD>& rois) {
     std::vector<cv::Point3f> pts;
-    PlaneSums sums;
     for (int32_t l = 0; lines != nullptr && l < lineNum; ++l) {
         const SKesp3DPosition* p = lines[l].p3DPosition;
         if (p == nullptr) continue;
@@ -293,10 +289,8 @@ PA_API SHX_planeCalibPara hx_getPlaneCalibPara_ROIs(const SKesp3DLaserLine* line
             const bool inside = std::any_of(rois.begin(), rois.end(),
                                             [&](const SKesp3DRangeD& r) { return inRegion(r, x, y, z); });
             if (!inside) continue;
-            const cv::Point3f q(static_cast<float>(x), static_cast<float>(y), static_cast<float>(z));
-            pts.push_back(q);
-            sums.add(q);
+            pts.emplace_back(static_cast<float>(x), static_cast<float>(y), static_cast<float>(z));
         }
     }
-    return levelFittedPlane(pts, sums);
+    return levelFittedPlane(pts);
 }
