@@ -383,7 +383,59 @@ PA_API void eulerToRotationMatrixZYX(const SHX_EulerAngles& e, double R[3][3]);
 // Plane calibration
 // ===========================================================================
 
-// @@calibration@@
+/// Finds the reference plane of a scan (a conveyor, a table) and the rotation
+/// that levels it. The plane is the lowest height band holding a substantial
+/// share of the valid points: heights are counted in bins of one unit from the
+/// lowest valid z, the counts are smoothed by an 11-bin box sum (the raw counts
+/// are used when the sums come out flat, e.g. for six bins or fewer), and the
+/// first peak from low z upward whose smoothed count exceeds a tenth of the
+/// valid points is taken; the band reaches down and up to the nearest valleys
+/// lower than half that peak (from the lower edge of each valley bin; to the
+/// scan's lowest or highest z where there is none). The band's points, in
+/// single precision, are fitted with z = a x + b y + e by least squares.
+/// @param[in] lines    array of lineNum scan lines (read only); lines with
+///                     nPositionCnt < 1 are skipped; points with z < 0.0001
+///                     are ignored
+/// @param[in] lineNum  number of lines; 0 or negative gives the failure record
+/// @return planeCalib: the shortest rotation that turns the fitted plane's
+///         normal (a, b, -1) to (0, 0, -1); apply it with lineDataRT.
+///         invRMatrix: the inverse rotation. planeHeight: the lowest levelled
+///         z of the band points (row 2 of planeCalib times the single-precision
+///         point, rounded to single precision), 0.0 if the band holds no point.
+///         A fit to a singular band (e.g. the points of one scan line, or
+///         collinear points) uses a zero inverse and gives the identity.
+///         Failure (no valid point; all heights within one unit, so no peak;
+///         no peak above a tenth of the valid points) returns planeCalib =
+///         invRMatrix = identity and planeHeight = -1.0: test planeHeight.
+///         Out of contract: NaN or infinite heights are not points for
+///         calibration and are ignored; valid heights spanning 1e8 units or
+///         more give the failure record (the histogram would need 1e8 bins);
+///         NaN or infinite x or y in the band make the result NaN.
+PA_API SHX_planeCalibPara hx_getPlaneCalibPara(const SKesp3DLaserLine* lines, int32_t lineNum);
+
+/// hx_getPlaneCalibPara on a scan held as one vector of points per line.
+/// @param[in] scan  the scan (read only); empty inner vectors are skipped
+/// @return the same record, bit for bit, as hx_getPlaneCalibPara on the same
+///         points; an empty scan gives the failure record (identity, -1.0).
+PA_API SHX_planeCalibPara hx_getPlaneCalibPara2(const std::vector<std::vector<SKesp3DPosition>>& scan);
+
+/// Levels the plane fitted to the valid points that lie in caller-named
+/// regions (no histogram search). A point (z >= 0.0001) is taken once if it
+/// lies in at least one region: xRange.min <= x <= xRange.max,
+/// yRange.min <= y <= yRange.max, z >= zRange.min and y <= zRange.max (the
+/// upper z bound is compared with y, so heights are limited only from below).
+/// @param[in] lines    array of lineNum scan lines (read only)
+/// @param[in] lineNum  number of lines; 0 or negative means no point
+/// @param[in] rois     the regions, tried in order (read only)
+/// @return planeCalib, invRMatrix and planeHeight as hx_getPlaneCalibPara.
+///         There is no failure record: with no region point (no region, no
+///         line, nothing inside) or a singular fit, both matrices are the
+///         identity and planeHeight is 0.0 (empty) or the lowest point's z.
+///         Out of contract: NaN or infinite heights are ignored; NaN x or y
+///         lie in no region; infinite x or y inside a region make the
+///         result NaN.
+PA_API SHX_planeCalibPara hx_getPlaneCalibPara_ROIs(const SKesp3DLaserLine* lines, int32_t lineNum,
+                                                    const std::vector<SKesp3DRangeD>& rois);
 
 // ===========================================================================
 // Profile preprocessing

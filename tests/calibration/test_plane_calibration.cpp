@@ -1,0 +1,474 @@
+// Plane calibration: hand-worked histograms, a plain step-by-step reference on
+// random scans, and synthetic tilted floors with known tilt.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <opencv2/core.hpp>
+
+#include "test_util.h"
+
+using testutil::pt;
+using Scan = std::vector<std::vector<SKesp3DPosition>>;
+
+namespace {
+
+const double kIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+
+// ---------------------------------------------------------------------------
+// Plain reference: every step written out as literally as possible.
+// ---------------------------------------------------------------------------
+
+bool refValid(double z) { return z >= 0.0001; }
+
+std::vector<double> refQuaternion(const double u0[3], const double v0[3]) {
+    const double lu = std::sqrt(u0[0] * u0[0] + u0[1] * u0[1] + u0[2] * u0[2]);
+    const double lv = std::sqrt(v0[0] * v0[0] + v0[1] * v0[1] + v0[2] * v0[2]);
+    if (lu < 1e-7 || lv < 1e-7) return {1, 0, 0, 0};
+    const double u[3] = {u0[0] / lu, u0[1] / lu, u0[2] / lu};
+    const double v[3] = {v0[0] / lv, v0[1] / lv, v0[2] / lv};
+    const double d = u[0] * v[0] + u[1] * v[1] + u[2] * v[2];
+    if (d > 0.9999999) return {1, 0, 0, 0};
+    if (d < -0.9999999) {
+        if (std::fabs(u[1]) < 1e-7 && std::fabs(u[2]) < 1e-7) return {0, 0, 1, 0};
+        return {0, 1, 0, 0};
+    }
+    const double n[3] = {u[1] * v[2] - u[2] * v[1], u[2] * v[0] - u[0] * v[2], u[0] * v[1] - u[1] * v[0]};
+    const double ln = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
+    if (ln < 1e-7) return {1, 0, 0, 0};
+    const double s = std::sqrt((1 - d) / 2);
+    return {std::sqrt((1 + d) / 2), s * n[0] / ln, s * n[1] / ln, s * n[2] / ln};
+}
+
+void refMatrix(const std::vector<double>& q, double m[9]) {
+    const double w = q[0], x = q[1], y = q[2], z = q[3];
+    const double r[9] = {1 - 2 * (y * y + z * z), 2 * (x * y - w * z),     2 * (x * z + w * y),
+                         2 * (x * y + w * z),     1 - 2 * (x * x + z * z), 2 * (y * z - w * x),
+                         2 * (x * z - w * y),     2 * (y * z + w * x),     1 - 2 * (x * x + y * y)};
+    std::copy(r, r + 9, m);
+}
+
+// Fit, rotations and plane height of a set of single-precision points.
+SHX_planeCalibPara refLevel(const std::vector<cv::Point3f>& pts) {
+    double sxx = 0, sxy = 0, syy = 0, sx = 0, sy = 0, sxz = 0, syz = 0, sz = 0;
+    for (const auto& p : pts) {
+        const double x = p.x, y = p.y, z = p.z;
+        sxx += x * x;
+        sxy += x * y;
+        syy += y * y;
+        sx += x;
+        sy += y;
+        sxz += x * z;
+        syz += y * z;
+        sz += z;
+    }
+    cv::Mat A = cv::Mat::zeros(3, 3, CV_64F), B = cv::Mat::zeros(3, 1, CV_64F);
+    const double a[9] = {sxx, sxy, sx, sxy, syy, sy, sx, sy, static_cast<double>(pts.size())};
+    for (int k = 0; k < 9; ++k) A.at<double>(k / 3, k % 3) = a[k];
+    B.at<double>(0) = sxz;
+    B.at<double>(1) = syz;
+    B.at<double>(2) = sz;
+    cv::Mat Ainv;
+    cv::invert(A, Ainv, cv::DECOMP_LU);
+    cv::Mat X = Ainv * B;
+    const double u[3] = {X.at<double>(0), X.at<double>(1), -1.0};
+    const double v[3] = {0, 0, -1};
+    SHX_planeCalibPara r;
+    refMatrix(refQuaternion(u, v), r.planeCalib);
+    refMatrix(refQuaternion(v, u), r.invRMatrix);
+    r.planeHeight = 0.0;
+    for (size_t i = 0; i < pts.size(); ++i) {
+        const float z = static_cast<float>(r.planeCalib[6] * pts[i].x + r.planeCalib[7] * pts[i].y +
+                                           r.planeCalib[8] * pts[i].z);
+        if (i == 0 || z < r.planeHeight) r.planeHeight = z;
+    }
+    return r;
+}
+
+SHX_planeCalibPara refFailure() {
+    SHX_planeCalibPara r;
+    std::copy(kIdentity, kIdentity + 9, r.planeCalib);
+    std::copy(kIdentity, kIdentity + 9, r.invRMatrix);
+    r.planeHeight = -1.0;
+    return r;
+}
+
+SHX_planeCalibPara refCalibrate(const Scan& scan) {
+    double zMin = 0.0, zMax = -1.0;
+    for (const auto& line : scan)
+        for (const auto& p : line)
+            if (refValid(p.z)) {
+                if (zMin > zMax) zMin = zMax = p.z;
+                else {
+                    if (p.z < zMin) zMin = p.z;
+                    if (p.z > zMax) zMax = p.z;
+                }
+            }
+    const int n = static_cast<int>(zMax - zMin) + 1;
+    if (n == 0) return refFailure();
+    std::vector<int> H(n, 0), S(n, 0), valleyMap(n, -1);
+    int total = 0;
+    for (const auto& line : scan)
+        for (const auto& p : line)
+            if (refValid(p.z)) {
+                ++H[static_cast<int>(p.z - zMin)];
+                ++total;
+            }
+    for (int i = 0; i < n; ++i)
+        for (int j = i - 5; j <= i + 5; ++j)
+            if (j >= 0 && j < n) S[i] += H[j];
+    bool flat = true;
+    for (int i = 1; i < n; ++i)
+        if (S[i] != S[i - 1]) flat = false;
+    if (flat) S = H;
+    std::vector<std::pair<int, int>> peaks, valleys;
+    int state = 0;
+    for (int i = 1; i < n; ++i) {
+        const int d = S[i] - S[i - 1];
+        if (state == 0) {
+            if (d < 0) state = 2;
+            else if (d > 0) state = 1;
+        } else if (state == 1) {
+            if (d < 0) {
+                peaks.push_back({i - 1, S[i - 1]});
+                state = 2;
+            } else if (i == n - 1) {
+                peaks.push_back({i, S[i]});
+            }
+        } else {
+            if (d > 0) {
+                valleyMap[i - 1] = static_cast<int>(valleys.size());
+                valleys.push_back({i - 1, S[i - 1]});
+                state = 1;
+            } else if (i == n - 1) {
+                valleyMap[i] = static_cast<int>(valleys.size());
+                valleys.push_back({i, S[i]});
+            }
+        }
+    }
+    const int threshold = total / 10;
+    int p = -1, v = 0;
+    for (const auto& pk : peaks)
+        if (pk.second > threshold) {
+            p = pk.first;
+            v = pk.second;
+            break;
+        }
+    if (p < 0) return refFailure();
+    const int half = v / 2;
+    int low = -1, high = -1;
+    for (int b = p - 1; b >= 0; --b)
+        if (valleyMap[b] != -1 && valleys[valleyMap[b]].second < half) {
+            low = b;
+            break;
+        }
+    for (int b = p + 1; b < n; ++b)
+        if (valleyMap[b] != -1 && valleys[valleyMap[b]].second < half) {
+            high = b;
+            break;
+        }
+    const double zLow = low >= 0 ? zMin + low : zMin;
+    const double zHigh = high >= 0 ? zMin + high : zMax;
+    std::vector<cv::Point3f> band;
+    for (const auto& line : scan)
+        for (const auto& p3 : line)
+            if (refValid(p3.z) && p3.z >= zLow && p3.z <= zHigh)
+                band.emplace_back(static_cast<float>(p3.x), static_cast<float>(p3.y), static_cast<float>(p3.z));
+    return refLevel(band);
+}
+
+// ---------------------------------------------------------------------------
+// Helpers
+// ---------------------------------------------------------------------------
+
+bool sameBits(const SHX_planeCalibPara& a, const SHX_planeCalibPara& b) {
+    return std::memcmp(&a, &b, sizeof(SHX_planeCalibPara)) == 0;
+}
+
+void expectSameRecord(const SHX_planeCalibPara& got, const SHX_planeCalibPara& want) {
+    for (int k = 0; k < 9; ++k) EXPECT_EQ(got.planeCalib[k], want.planeCalib[k]) << "planeCalib " << k;
+    EXPECT_EQ(got.planeHeight, want.planeHeight);
+    for (int k = 0; k < 9; ++k) EXPECT_EQ(got.invRMatrix[k], want.invRMatrix[k]) << "invRMatrix " << k;
+}
+
+void expectFailure(const SHX_planeCalibPara& r) { expectSameRecord(r, refFailure()); }
+
+SHX_planeCalibPara calibrate(Scan& scan) {
+    auto lines = testutil::linesOf(scan);
+    return hx_getPlaneCalibPara(lines.data(), static_cast<int32_t>(lines.size()));
+}
+
+// One line holding, for each bin b, counts[b] points at z = zMin + b + offset;
+// x and y vary so that the points span a plane. Bin 0 starts with zMin itself.
+std::vector<SKesp3DPosition> binnedLine(double zMin, const std::vector<int>& counts, double offset = 0.5) {
+    std::vector<SKesp3DPosition> line;
+    int k = 0;
+    for (size_t b = 0; b < counts.size(); ++b)
+        for (int c = 0; c < counts[b]; ++c, ++k) {
+            const double frac = (b == 0 && c == 0) ? 0.0 : offset;
+            line.push_back(pt(k % 5, 0.5 * k, zMin + static_cast<double>(b) + frac, k));
+        }
+    return line;
+}
+
+std::vector<cv::Point3f> pointsWithin(const Scan& scan, double zLow, double zHigh) {
+    std::vector<cv::Point3f> out;
+    for (const auto& line : scan)
+        for (const auto& p : line)
+            if (p.z >= 0.0001 && p.z >= zLow && p.z <= zHigh)
+                out.emplace_back(static_cast<float>(p.x), static_cast<float>(p.y), static_cast<float>(p.z));
+    return out;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Failures and degenerate scans
+// ---------------------------------------------------------------------------
+
+TEST(PlaneCalib, EmptyAndUnmeasuredScansFail) {
+    expectFailure(hx_getPlaneCalibPara(nullptr, 5));
+    Scan scan{{pt(1, 2, 3), pt(2, 3, 4)}};
+    auto lines = testutil::linesOf(scan);
+    expectFailure(hx_getPlaneCalibPara(lines.data(), 0));
+    expectFailure(hx_getPlaneCalibPara(lines.data(), -3));
+    expectFailure(hx_getPlaneCalibPara2(Scan{}));
+    expectFailure(hx_getPlaneCalibPara2(Scan{{}, {}}));
+    Scan unmeasured{{pt(0, 0, 0.0), pt(1, 1, 0.0000999)}, {pt(2, 2, -5.0)}};
+    expectFailure(calibrate(unmeasured));
+    expectFailure(hx_getPlaneCalibPara2(unmeasured));
+}
+
+TEST(PlaneCalib, HorizontalPlaneIsOneBinAndFails) {
+    Scan scan(4);
+    for (int i = 0; i < 4; ++i)
+        for (int j = 0; j < 30; ++j) scan[i].push_back(pt(i, j, 50.0));
+    expectFailure(calibrate(scan));
+}
+
+TEST(PlaneCalib, PeakMustExceedATenthStrictly) {
+    // Six bins or fewer: the box sums are flat, so the raw counts are used.
+    // Counts 1 2 1 15 1 (total 20, a tenth is 2): the peak of 2 at bin 1 is
+    // skipped; bin 3 wins and the band runs from the valley at bin 2 (count 1,
+    // below 15 / 2) to the top of the scan.
+    Scan skip{binnedLine(10.0, {1, 2, 1, 15, 1})};
+    expectSameRecord(calibrate(skip), refLevel(pointsWithin(skip, 12.0, 1e9)));
+    // Counts 1 3 1 14 1: the peak of 3 at bin 1 wins; the valley at bin 2 is
+    // not below 3 / 2 = 1, so the band is the whole scan.
+    Scan take{binnedLine(10.0, {1, 3, 1, 14, 1})};
+    const auto r = calibrate(take);
+    expectSameRecord(r, refLevel(pointsWithin(take, 0.0, 1e9)));
+    EXPECT_FALSE(sameBits(r, refLevel(pointsWithin(take, 12.0, 1e9))));
+}
+
+TEST(PlaneCalib, LastBinAsymmetry) {
+    // A rise that begins only with the step into the last bin records no peak.
+    Scan late{binnedLine(10.0, {2, 2, 2, 5})};
+    expectFailure(calibrate(late));
+    Scan lateAfterFall{binnedLine(10.0, {3, 1, 1, 5})};
+    expectFailure(calibrate(lateAfterFall));
+    // A rise that runs into the last bin ends in a peak there: band from the
+    // valley at bin 1 upward.
+    Scan rising{binnedLine(10.0, {3, 1, 5, 6})};
+    expectSameRecord(calibrate(rising), refLevel(pointsWithin(rising, 11.0, 1e9)));
+}
+
+TEST(PlaneCalib, FallIntoLastBinIsAValleyThatCutsTheBand) {
+    // Counts 1 6 3 2: peak 6 at bin 1, a valley of 2 (< 3) at the last bin, so
+    // the band ends at that bin's lower edge z = 13: the point at 13.0 is in,
+    // the one at 13.5 (the highest of the scan) is out.
+    Scan scan{binnedLine(10.0, {1, 6, 3, 1})};
+    scan[0].push_back(pt(7, 3, 13.0, 99));
+    const auto r = calibrate(scan);
+    expectSameRecord(r, refLevel(pointsWithin(scan, 0.0, 13.0)));
+    EXPECT_FALSE(sameBits(r, refLevel(pointsWithin(scan, 0.0, 13.5))));
+}
+
+TEST(PlaneCalib, ThinFloorInTheFirstBinsRecordsNoPeak) {
+    // A floor three units thick at the bottom of a 30-bin histogram: its box
+    // sums start at their maximum and only fall, and the first bin is never a
+    // peak, so the box above it (bins 20..29) is the reference, cut below at
+    // the empty valley (bin 14).
+    std::vector<int> counts(30, 0);
+    counts[0] = counts[1] = counts[2] = 10;
+    for (int b = 20; b < 30; ++b) counts[b] = 3;
+    Scan scan{binnedLine(100.0, counts)};
+    expectSameRecord(calibrate(scan), refLevel(pointsWithin(scan, 114.0, 1e9)));
+}
+
+TEST(PlaneCalib, UnmeasuredPointsNeverEnter) {
+    Scan scan{binnedLine(10.0, {1, 2, 1, 15, 1})};
+    const auto clean = calibrate(scan);
+    // Points without a measurement, with coordinates that would pull the fit.
+    scan[0].insert(scan[0].begin() + 3, pt(1e4, -1e4, 0.0));
+    scan[0].push_back(pt(-1e4, 1e4, 0.0000999));
+    scan.insert(scan.begin(), std::vector<SKesp3DPosition>{pt(500, 500, 0.0)});
+    EXPECT_TRUE(sameBits(calibrate(scan), clean));
+}
+
+TEST(PlaneCalib, SingularBandGivesIdentityAndLowestHeight) {
+    // One scan line: x is the same for every point, the normal equations are
+    // singular and their inverse is zero, so the tilt along y is not levelled.
+    // The values are exact binary fractions so that the singularity is exact.
+    Scan scan{{}};
+    for (int j = 0; j < 64; ++j) scan[0].push_back(pt(2.0, j, 10.25 + 0.125 * j));
+    const auto r = calibrate(scan);
+    for (int k = 0; k < 9; ++k) {
+        EXPECT_EQ(r.planeCalib[k], kIdentity[k]);
+        EXPECT_EQ(r.invRMatrix[k], kIdentity[k]);
+    }
+    EXPECT_EQ(r.planeHeight, 10.25);
+}
+
+// ---------------------------------------------------------------------------
+// Against the plain reference, and pointer form against vector form
+// ---------------------------------------------------------------------------
+
+namespace {
+
+Scan randomScan(testutil::Rng& rng) {
+    const int lines = static_cast<int>(rng.integer(0, 6));
+    const double base = rng.uniform(1.0, 100.0);
+    const double span = rng.integer(0, 3) == 0 ? rng.uniform(0.0, 6.0) : rng.uniform(2.0, 40.0);
+    const double slope = rng.uniform(-0.3, 0.3);
+    Scan scan(static_cast<size_t>(lines));
+    for (int i = 0; i < lines; ++i) {
+        const int count = rng.integer(0, 7) == 0 ? 0 : static_cast<int>(rng.integer(1, 60));
+        for (int j = 0; j < count; ++j) {
+            const double y = 0.5 * j;
+            double z;
+            switch (rng.integer(0, 5)) {
+                case 0: z = 0.0; break;                                                  // missing
+                case 1: z = base + rng.uniform(0.0, span); break;                        // clutter
+                case 2: z = base + 0.6 * span + rng.uniform(-0.5, 0.5); break;           // box top
+                default: z = base + std::fabs(slope) * y + rng.uniform(-0.05, 0.05);     // floor
+            }
+            scan[i].push_back(pt(0.75 * i + rng.uniform(-0.01, 0.01), y, z, j));
+        }
+    }
+    return scan;
+}
+
+}  // namespace
+
+TEST(PlaneCalib, MatchesPlainReferenceAndBothFormsAgree) {
+    testutil::Rng rng(20240611);
+    int levelled = 0, failed = 0;
+    for (int trial = 0; trial < 3000; ++trial) {
+        Scan scan = randomScan(rng);
+        const auto want = refCalibrate(scan);
+        const auto viaPointer = calibrate(scan);
+        const auto viaVector = hx_getPlaneCalibPara2(scan);
+        ASSERT_TRUE(sameBits(viaPointer, want)) << "trial " << trial;
+        ASSERT_TRUE(sameBits(viaVector, viaPointer)) << "trial " << trial;
+        (want.planeHeight == -1.0 ? failed : levelled)++;
+    }
+    // Both outcomes are exercised often.
+    EXPECT_GT(levelled, 1000);
+    EXPECT_GT(failed, 100);
+}
+
+// ---------------------------------------------------------------------------
+// Out of contract
+// ---------------------------------------------------------------------------
+
+TEST(PlaneCalib, NonFiniteHeightsAreIgnoredAndHugeSpansFail) {
+    Scan scan{binnedLine(10.0, {1, 2, 1, 15, 1})};
+    const auto clean = calibrate(scan);
+    Scan dirty = scan;
+    dirty[0].push_back(pt(1, 1, std::numeric_limits<double>::quiet_NaN()));
+    dirty[0].insert(dirty[0].begin(), pt(2, 2, std::numeric_limits<double>::infinity()));
+    dirty[0].push_back(pt(3, 3, -std::numeric_limits<double>::infinity()));
+    EXPECT_TRUE(sameBits(calibrate(dirty), clean));
+    EXPECT_TRUE(sameBits(hx_getPlaneCalibPara2(dirty), clean));
+
+    Scan huge = scan;
+    huge[0].push_back(pt(4, 4, 1e12));
+    expectFailure(calibrate(huge));
+    Scan justOver = scan;
+    justOver[0].push_back(pt(4, 4, 10.0 + 1e8));
+    expectFailure(hx_getPlaneCalibPara2(justOver));
+}
+
+// ---------------------------------------------------------------------------
+// Regions
+// ---------------------------------------------------------------------------
+
+namespace {
+
+SKesp3DRangeD region(double x0, double x1, double y0, double y1, double z0, double z1) {
+    SKesp3DRangeD r;
+    r.xRange = {x0, x1};
+    r.yRange = {y0, y1};
+    r.zRange = {z0, z1};
+    return r;
+}
+
+SHX_planeCalibPara calibrateRegions(Scan& scan, const std::vector<SKesp3DRangeD>& rois) {
+    auto lines = testutil::linesOf(scan);
+    return hx_getPlaneCalibPara_ROIs(lines.data(), static_cast<int32_t>(lines.size()), rois);
+}
+
+SHX_planeCalibPara levelledIdentity(double height) {
+    SHX_planeCalibPara r = refFailure();
+    r.planeHeight = height;
+    return r;
+}
+
+}  // namespace
+
+TEST(PlaneCalibRegions, UpperHeightBoundActsOnY) {
+    // zRange {0, 5}: the point at z = 100 with y = 4 is kept, the one at
+    // z = 1 with y = 6 is dropped.
+    Scan scan{{pt(0, 4, 100.0), pt(0, 6, 1.0), pt(0, 3, 0.0)}};
+    const auto r = calibrateRegions(scan, {region(-10, 10, -10, 10, 0, 5)});
+    // A single point: singular fit, identity, height = its z.
+    expectSameRecord(r, levelledIdentity(100.0));
+}
+
+TEST(PlaneCalibRegions, NoPointGivesIdentityAndZeroHeight) {
+    Scan scan{{pt(0, 0, 5), pt(1, 2, 6), pt(3, 1, 7)}};
+    expectSameRecord(calibrateRegions(scan, {}), levelledIdentity(0.0));
+    expectSameRecord(calibrateRegions(scan, {region(50, 60, 0, 10, 0, 10)}), levelledIdentity(0.0));
+    expectSameRecord(hx_getPlaneCalibPara_ROIs(nullptr, 3, {region(-1e9, 1e9, -1e9, 1e9, 0, 1e9)}),
+                     levelledIdentity(0.0));
+}
+
+TEST(PlaneCalibRegions, FitsTheRegionPointsOnceEach) {
+    // A tilted plane z = 20 + 0.1 x - 0.05 y, plus clutter outside the regions.
+    Scan scan(10);
+    for (int i = 0; i < 10; ++i)
+        for (int j = 0; j < 20; ++j) {
+            const double x = i, y = j;
+            const bool clutter = j >= 15;
+            scan[i].push_back(pt(x, y, clutter ? 60.0 + j : 20 + 0.1 * x - 0.05 * y));
+        }
+    scan[3][4].z = 0.0;  // unmeasured: never taken
+    std::vector<cv::Point3f> inside;
+    for (const auto& line : scan)
+        for (const auto& p : line)
+            if (p.y <= 14 && p.z >= 0.0001) inside.emplace_back(float(p.x), float(p.y), float(p.z));
+    const auto want = refLevel(inside);
+    const auto one = calibrateRegions(scan, {region(-1, 20, 0, 14, 0, 14)});
+    // Overlapping regions: every point still counts once.
+    const auto overlapping =
+        calibrateRegions(scan, {region(-1, 5, 0, 14, 0, 14), region(3, 20, 0, 14, 0, 14), region(-1, 20, 0, 9, 0, 9)});
+    expectSameRecord(one, want);
+    expectSameRecord(overlapping, want);
+    // The plane really is levelled: its normal comes out vertical.
+    const double n[3] = {0.1, -0.05, -1.0};
+    const double zx = one.planeCalib[0] * n[0] + one.planeCalib[1] * n[1] + one.planeCalib[2] * n[2];
+    const double zy = one.planeCalib[3] * n[0] + one.planeCalib[4] * n[1] + one.planeCalib[5] * n[2];
+    EXPECT_NEAR(zx, 0.0, 1e-6);
+    EXPECT_NEAR(zy, 0.0, 1e-6);
+}
+
+TEST(PlaneCalibRegions, CollinearPointsAreSingular) {
+    // Points along one line x = 3 rising in y: the inverse is zero, no tilt.
+    Scan scan{{}};
+    for (int j = 0; j < 16; ++j) scan[0].push_back(pt(3.0, j, 7.5 + 0.25 * j));
+    expectSameRecord(calibrateRegions(scan, {region(0, 10, 0, 100, 0, 100)}), levelledIdentity(7.5));
+}
