@@ -30,11 +30,19 @@ struct RunningSum {
     bool isFinite() const { return std::isfinite(sum + carry); }
 };
 
-// Plain sum of the strictly valid heights of pts[lo..hi], in index order.
+// Sums of the strictly valid heights of pts[lo..hi] in index order: plain,
+// and compensated (the state a running sum restarts from).
 double plainValidSum(const SKesp3DPosition* pts, int64_t lo, int64_t hi) {
     double s = 0.0;
     for (int64_t j = lo; j <= hi; ++j)
         if (isStrictlyValidZ(pts[j].z)) s += pts[j].z;
+    return s;
+}
+
+RunningSum compensatedValidSum(const SKesp3DPosition* pts, int64_t lo, int64_t hi) {
+    RunningSum s;
+    for (int64_t j = lo; j <= hi; ++j)
+        if (isStrictlyValidZ(pts[j].z)) s.add(pts[j].z);
     return s;
 }
 
@@ -43,8 +51,9 @@ double plainValidSum(const SKesp3DPosition* pts, int64_t lo, int64_t hi) {
 // already holds a copy of in; invalid points keep their copied height.
 // The window moves by one point per step, so each point enters and leaves the
 // running sum once: the cost does not depend on the window. Should the sum
-// overflow (heights near the top of the double range), it is re-anchored by
-// summing the window afresh, which reproduces the plain mean.
+// overflow (infinite heights, or heights near the top of the double range),
+// it is summed afresh at every step until it is finite again, and meanwhile
+// the mean is the plain one (infinite, as a plain sum gives).
 void smoothHeights(const SKesp3DPosition* in, int64_t n, int64_t half, SKesp3DPosition* out) {
     if (half < 0) {
         // An empty window: the mean is 0 / 0 at every valid point.
@@ -54,15 +63,12 @@ void smoothHeights(const SKesp3DPosition* in, int64_t n, int64_t half, SKesp3DPo
         return;
     }
     half = std::min(half, n);
+    const auto lo = [half](int64_t i) { return std::max<int64_t>(0, i - half); };
+    const auto hi = [half, n](int64_t i) { return std::min(n - 1, i + half); };
 
-    RunningSum window;
+    RunningSum window = compensatedValidSum(in, 0, hi(0));
     int64_t count = 0;
-    for (int64_t j = 0; j < std::min(half, n - 1) + 1; ++j) {
-        if (isStrictlyValidZ(in[j].z)) {
-            window.add(in[j].z);
-            ++count;
-        }
-    }
+    for (int64_t j = 0; j <= hi(0); ++j) count += isStrictlyValidZ(in[j].z) ? 1 : 0;
     for (int64_t i = 0; i < n; ++i) {
         if (i > 0) {
             const int64_t entering = i + half;
@@ -75,12 +81,11 @@ void smoothHeights(const SKesp3DPosition* in, int64_t n, int64_t half, SKesp3DPo
                 window.add(-in[leaving].z);
                 if (--count == 0) window = RunningSum();  // exact restart whenever the window empties
             }
-            if (!window.isFinite()) {
-                window = RunningSum();
-                window.sum = plainValidSum(in, std::max<int64_t>(0, i - half), std::min(n - 1, i + half));
-            }
+            if (!window.isFinite()) window = compensatedValidSum(in, lo(i), hi(i));
         }
-        if (isStrictlyValidZ(in[i].z)) out[i].z = window.value() / static_cast<double>(count);
+        if (!isStrictlyValidZ(in[i].z)) continue;
+        const double sum = window.isFinite() ? window.value() : plainValidSum(in, lo(i), hi(i));
+        out[i].z = sum / static_cast<double>(count);
     }
 }
 
