@@ -441,7 +441,102 @@ PA_API SHX_planeCalibPara hx_getPlaneCalibPara_ROIs(const SKesp3DLaserLine* line
 // Profile preprocessing
 // ===========================================================================
 
-// @@preprocess@@
+/// Moving-average smoothing of a profile's heights. Uses the strict validity
+/// z > 0.0001: a point at exactly 0.0001 neither is smoothed nor enters a mean.
+/// @param[in]  lineData      the profile (read only)
+/// @param[in]  winSize       averaging span in points; half = winSize / 2
+///                           (truncated toward zero)
+/// @param[out] smoothedData  replaced by a copy of lineData (same length,
+///                           nPointIdx, x, y kept) in which each valid point's
+///                           z is the mean of the valid heights at indices
+///                           i - half .. i + half; the span is clipped at the
+///                           line ends, not shifted. Invalid points keep their z.
+/// An empty line gives an empty output. winSize -1, 0 or 1 leaves the heights
+/// unchanged. winSize -2 or below (outside the contract) averages an empty
+/// span: every valid point gets NaN. lineData and smoothedData may be the same
+/// vector (smoothing in place). The cost does not depend on winSize.
+PA_API void hx_lineDataSmoothing(const std::vector<SKesp3DPosition>& lineData, int32_t winSize,
+                                 std::vector<SKesp3DPosition>& smoothedData);
+
+/// Smoothing segment by segment, so that edges between surfaces stay sharp.
+/// The line is cut before every valid point (z > 0.0001) whose |dy| exceeds
+/// maxStepY or whose |dz| exceeds maxStepZ against the point just before it,
+/// valid or not (the first valid point of the line is never a cut): a run of
+/// missing points (z = 0) therefore ends the segment before it whenever the
+/// next valid height exceeds maxStepZ. Each segment is smoothed as by
+/// hx_lineDataSmoothing with the same winSize.
+/// @param[in]     lineData      the profile (read only)
+/// @param[in]     maxStepY      largest y step inside a segment
+/// @param[in]     maxStepZ      largest z step inside a segment
+/// @param[in]     winSize       averaging span, as for hx_lineDataSmoothing
+/// @param[in,out] smoothedData  the smoothed segments, which together hold
+///                              every input point once and in input order,
+///                              are appended after what it holds
+/// An empty line leaves smoothedData unchanged; winSize -2 or below gives NaN
+/// heights as for hx_lineDataSmoothing. NaN steps never cut.
+PA_API void hx_lineSegSmoothing(const std::vector<SKesp3DPosition>& lineData, double maxStepY, double maxStepZ,
+                                int32_t winSize, std::vector<SKesp3DPosition>& smoothedData);
+
+/// Removes short isolated runs (specks, reflections, spray) from a copy of a
+/// profile. The valid points (strict form z > 0.0001) are cut into runs: a
+/// valid point continues the run while |z - z of the previous valid point| is
+/// below param.continuityTh (a step equal to it starts a new run); invalid
+/// points neither start, extend nor split a run. Every run with fewer points
+/// than param.outlierTh is zeroed (z = 0.0) from its first to its last valid
+/// point, invalid points in between included.
+/// @param[in]     lineData     ptNum points (read only)
+/// @param[in]     ptNum        point count
+/// @param[in]     param        continuity and run-length limits
+/// @param[out]    cleanedData  replaced: resized to ptNum and filled with a
+///                             copy of the line with the short runs zeroed
+/// @param[in,out] removedIdx   the zeroed indices are appended in increasing
+///                             order (not cleared first)
+/// ptNum 0 gives an empty cleanedData. A negative ptNum (outside the contract)
+/// is taken as a huge size: the resize of cleanedData throws
+/// std::length_error, which passes through unchanged. With continuityTh 0
+/// every valid point is a run of its own.
+PA_API void hx_lineDataRemoveOutlier(const SKesp3DPosition* lineData, int32_t ptNum, SHX_outlierFilterParam param,
+                                     std::vector<SKesp3DPosition>& cleanedData, std::vector<int32_t>& removedIdx);
+
+/// hx_lineDataRemoveOutlier in place: the short runs are zeroed (z = 0.0) in
+/// the caller's array; nothing else changes.
+/// @param[in,out] lineData  ptNum points
+/// @param[in]     ptNum     point count; 0 or negative: nothing happens
+/// @param[in]     param     continuity and run-length limits
+PA_API void hx_lineDataRemoveOutlier_changeOriginData(SKesp3DPosition* lineData, int32_t ptNum,
+                                                      SHX_outlierFilterParam param);
+
+/// hx_lineDataRemoveOutlier with continuity measured in space: a valid point
+/// continues the run while its 3-D distance sqrt(dx^2 + dy^2 + dz^2) to the
+/// previous valid point is below param.continuityTh. Outputs, empty input and
+/// negative counts as for hx_lineDataRemoveOutlier; NaN coordinates always
+/// start a new run.
+PA_API void hx_lineDataRemoveOutlier_ptDistMethod(const SKesp3DPosition* lineData, int32_t ptNum,
+                                                  SHX_outlierFilterParam param,
+                                                  std::vector<SKesp3DPosition>& cleanedData,
+                                                  std::vector<int32_t>& removedIdx);
+
+/// Splits points into clusters by x-y distance (z plays no part and the
+/// validity rule is not applied): two points share a cluster when a chain of
+/// points joins them whose every step is strictly shorter than distTh.
+/// Order: clusters in the order of their seeds; the first seed is the first
+/// point, each later seed the first point not yet taken. Within a cluster the
+/// seed comes first, then points in the order reached: each cluster point in
+/// turn takes the remaining points closer than distTh, in input order.
+/// Points arriving with a taken mark (negative low 32 bits of nPointIdx, read
+/// as a signed 32-bit integer) are dropped, except the first point, which is a
+/// seed whatever its mark. The copies keep nPointIdx unchanged.
+/// @param[in,out] pts       the points; emptied on return
+/// @param[in]     distTh    joining distance (strict: points exactly distTh
+///                          apart are not joined)
+/// @param[in,out] clusters  one vector per cluster is appended
+/// An empty input leaves clusters unchanged. distTh 0, negative or NaN makes
+/// every point its own cluster; an infinite distTh joins every two points
+/// whose x-y distance is finite (one cluster for ordinary coordinates). A
+/// point with an infinite or NaN x or y joins nothing. Runs in about O(n) for evenly spread points (a uniform
+/// grid of cells as wide as distTh), never worse than O(n^2).
+PA_API void hx_pointClustering(std::vector<SKesp3DPosition>& pts, double distTh,
+                               std::vector<std::vector<SKesp3DPosition>>& clusters);
 
 // ===========================================================================
 // Per-line detectors: local peaks, down jumps, flat-line peaks
