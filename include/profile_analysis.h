@@ -632,7 +632,66 @@ PA_API void hx_getFlatLineLocalPeaks_vector(const std::vector<SKesp3DPosition>& 
 // Per-line detectors: corners, jumps, right angles, glove arcs
 // ===========================================================================
 
-// @@corners@@
+/// Corners of one profile, where its direction in the y-z plane turns sharply,
+/// and the ends of its continuous segments.
+/// Only points with z > 0.0001 (strict) are used. For each such point the
+/// nearest valid points at least armLen away (straight y-z distance) before
+/// and after it give the backward and forward chord angles,
+/// atan(dz / |dy|) * 180 / 3.141592654, in -90..90 and positive where z grows
+/// along the line (a chord with dy = 0 gives +-90); the corner angle is
+/// backward - forward. Local maxima of the corner angle (a plateau keeps its
+/// last point) of at least minCornerAngle that no other maximum within
+/// 2 * armLen along y exceeds (ties are all kept) are reported as
+///   type 1 when backward > armAngle1 and forward > -armAngle2,
+///   else type 2 when forward < -armAngle1 and backward < armAngle2,
+///   else type 15.
+/// Segments are runs of valid points cut where consecutive heights differ by
+/// more than jumpZ; a segment is joined into the next when the y gap between
+/// them is below maxGapY and the z gap below jumpZ.
+/// @param[in]     points      array of pointCount points (read only)
+/// @param[in]     pointCount  number of points; 0 or negative gives nothing
+/// @param[in]     lineIdx     index of the line, written into out and every record
+/// @param[in]     param       maxGapY, jumpZ (length unit), armLen (length unit),
+///                            minCornerAngle, armAngle1, armAngle2 (degrees)
+/// @param[in,out] out         lineIdx is set; corners are appended to features
+///                            (featureValue 0.0), segment ends to endings (type 6
+///                            at a segment's first point, then type 7 at its
+///                            last); nothing is cleared. featurePos is a copy of
+///                            the point with nPointIdx = its index in points.
+/// A line without valid points gives nothing; lines with fewer than three valid
+/// points or shorter than the arms give no corners but still give segment
+/// ends. NaN heights count as invalid; NaN or infinite y or limits never hang
+/// or read out of bounds (NaN angles compare false). A null out does nothing.
+PA_API void hx_getLineCornerFeature(const SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx,
+                                    SHX_cornerParam param, SHX_lineFeature* out);
+
+/// Height jumps of one profile, found as a convex and a concave corner bounding
+/// one steep flank.
+/// Corner angles as hx_getLineCornerFeature (valid: z > 0.0001). Local maxima
+/// (convex) and minima (concave) of the corner angle whose magnitude is at
+/// least minCornerAngle and not exceeded within 2 * armLen along y by another
+/// extremum of the same kind are kept when one arm is flat (|angle| <
+/// armAngle1) and the other steep (|angle| > armAngle2). Along the line, a
+/// convex flat-then-steep corner followed directly by a concave steep-then-flat
+/// one is a falling jump (type 2, at the convex corner); a concave
+/// flat-then-steep corner followed by a convex steep-then-flat one is a rising
+/// jump (type 1, at the convex corner). Either needs the corners closer than
+/// maxGapY along y and the z of the point one arm before the first corner and
+/// one arm after the second differing by more than jumpZ. The reported point
+/// is always the corner on the high side; featureValue is the z of the upper
+/// flat part (the arm point outside that corner).
+/// @param[in]     points      array of pointCount points (read only)
+/// @param[in]     pointCount  number of points; 0 or negative gives nothing
+/// @param[in]     lineIdx     index of the line, written into every record
+/// @param[in]     param       maxGapY, jumpZ (length unit), armLen (length unit),
+///                            minCornerAngle, armAngle1, armAngle2 (degrees)
+/// @param[in,out] features    jumps are appended in order along the line, never
+///                            cleared; featurePos is a copy of the point with
+///                            nPointIdx = its index in points
+/// NaN heights count as invalid; NaN or infinite y or limits never hang or read
+/// out of bounds (NaN angles compare false).
+PA_API void hx_getLineJumpFeature_cornerMethod(const SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx,
+                                               SHX_cornerParam param, std::vector<SHX_basicFeature1D>& features);
 
 // ===========================================================================
 // Per-line detectors: right angles and glove arcs

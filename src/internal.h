@@ -192,7 +192,85 @@ inline void suppressCandidates(const std::vector<ExtremumCandidate>& cands, doub
 // Corner angles (corner and jump detectors)
 // ---------------------------------------------------------------------------
 
-// @@internal-corners@@
+/// One continuous run of valid points, cut where consecutive heights jump.
+struct CornerSegment {
+    int32_t startIdx = 0;  ///< input-array index of the first point
+    int32_t ptNum = 0;     ///< array positions spanned (last = startIdx + ptNum - 1)
+    int32_t valid = 1;     ///< 0 once joined into its successor
+};
+
+/// The direction angles of one profile as the corner and jump detectors see
+/// them: the valid points (z > 0.0001) compacted in order, each with the
+/// nearest point at least one arm length before and after it (straight-line
+/// distance in the y-z plane), and the angles of the chords to those points:
+///   backward = atan((z(k) - z(b)) / |y(k) - y(b)|) in degrees,
+///   forward  = atan((z(f) - z(k)) / |y(f) - y(k)|) in degrees,
+///   corner   = backward - forward,
+/// converted with 180 / kPiLiteral. A point lacking either neighbour has no
+/// angles. The local maxima (and, on request, minima) of the corner angle are
+/// found by a trend state machine over the points that have angles.
+///
+/// The angles are first evaluated with a cheap polynomial whose error is far
+/// below kAngleTol; every decision the detectors take (extrema, limits,
+/// suppression, kinds) is settled from the approximation when it is more than
+/// the tolerance away from the boundary and from the exact one-argument atan
+/// otherwise, so all decisions equal those taken on the exact angles.
+class CornerAngleList {
+public:
+    enum class Angle { Backward, Forward, Corner };
+
+    /// Builds the list for points[0 .. count-1]. When segments is not null the
+    /// runs of valid points, cut where |dz| between consecutive valid points
+    /// exceeds jumpZ, are appended to it. minima are found only if keepMinima.
+    void build(const SKesp3DPosition* points, int32_t count, double jumpZ, double armLen, bool keepMinima,
+               std::vector<CornerSegment>* segments);
+
+    int32_t size() const { return m_; }
+    int32_t inputIndex(int32_t k) const { return idx_[k]; }
+    double y(int32_t k) const { return y_[k]; }
+    /// z of the backward / forward neighbour (only for points with angles).
+    double backwardZ(int32_t k) const { return z_[back_[k]]; }
+    double forwardZ(int32_t k) const { return z_[fwd_[k]]; }
+    /// Compacted indices of the extrema of the corner angle, in line order.
+    const std::vector<int32_t>& maxima() const { return maxima_; }
+    const std::vector<int32_t>& minima() const { return minima_; }
+
+    /// The exact angle (one-argument atan), in degrees.
+    double exact(Angle a, int32_t k) const;
+    /// Exactly `angle(k) > limit` / `angle(k) < limit`; with absolute, of |angle(k)|.
+    bool greater(Angle a, int32_t k, double limit, bool absolute) const;
+    bool less(Angle a, int32_t k, double limit, bool absolute) const;
+    /// Exactly `corner(o) > corner(q)`; with absolute, of their magnitudes.
+    bool cornerGreater(int32_t o, int32_t q, bool absolute) const;
+    /// True when a candidate of cands within 2 * armLen along y of cands[pos]
+    /// (both scans stop at the first candidate beyond that range) has a
+    /// strictly larger corner angle (magnitude, with absolute).
+    bool outranked(const std::vector<int32_t>& cands, size_t pos, double armLen, bool absolute) const;
+
+    /// Largest error of one approximated angle, in degrees (the polynomial's
+    /// own error is below 1.5e-5 degrees).
+    static constexpr double kAngleTol = 1e-3;
+
+private:
+    double approx(Angle a, int32_t k) const;
+    void findNeighbours(double armLen);
+    void findExtrema(bool keepMinima);
+
+    int32_t m_ = 0;
+    std::vector<int32_t> ints_;   // idx_, back_, fwd_ in one block
+    std::vector<double> reals_;   // y_, z_, path_, approx angles in one block
+    int32_t* idx_ = nullptr;      // input index of compacted point k
+    int32_t* back_ = nullptr;     // backward neighbour, -1 when k has no angles
+    int32_t* fwd_ = nullptr;      // forward neighbour, -1 when k has no angles
+    double* y_ = nullptr;
+    double* z_ = nullptr;
+    double* path_ = nullptr;      // polyline length from point 0 to point k
+    double* approxB_ = nullptr;
+    double* approxF_ = nullptr;
+    double* approxC_ = nullptr;
+    std::vector<int32_t> maxima_;
+    std::vector<int32_t> minima_;
+};
 
 // ---------------------------------------------------------------------------
 // Calibration
