@@ -944,13 +944,89 @@ PA_API void hx_getFeatureGrowingTrees_semiCircle(std::vector<SHX_featureSemiCirc
 // Image analysis: labelling
 // ===========================================================================
 
-// @@image-label@@
+/// Connected components of a binary image, with one bounding-box record each.
+/// Only interior pixels (not on the outermost rows and columns) equal to 1 are
+/// labelled: components get 2, 3, ... in raster order of their first pixel
+/// (top row first, leftmost first). Border pixels are never labelled and never
+/// join components, so two interior parts linked only through the border are
+/// two components.
+/// @param[in]  binImg        single-channel image of any depth; 1 is
+///                           foreground, 0 background
+/// @param[out] labelImg      replaced by a CV_32S image of binImg's size: 0
+///                           background, the component label on labelled
+///                           pixels, border pixels binImg's value converted to
+///                           int (so 1 for border foreground)
+/// @param[in,out] regions    one record per component is appended in label
+///                           order ({left, right, top, bottom} in columns and
+///                           rows, pixelCnt, label); records already present
+///                           are kept and not consulted
+/// @param[in]  connectivity  8 for 8-connectivity; any other value gives 4
+/// Images with fewer than 3 rows or columns are only converted (no labels, no
+/// records). Out of contract: interior pixels with values other than 0 and 1
+/// (after conversion to int, which rounds non-integer depths) come out as 0;
+/// a multi-channel image is only converted.
+PA_API void HX_TwoPassLabel(const cv::Mat& binImg, cv::Mat& labelImg, std::vector<SHX_Region>& regions,
+                            int connectivity);
 
 // ===========================================================================
 // Image analysis: distance transform and window peaks
 // ===========================================================================
 
-// @@image-peaks@@
+/// Two-pass chamfer distance transform. Seeds hold 0 and the pixels whose
+/// distance is wanted a large value; every interior pixel is relaxed to the
+/// smallest of its value and a neighbour's value plus the step cost, first
+/// top-down (rows 1..N-2, columns 1..M-1; neighbours up-left, up, left and
+/// below-left), then bottom-up (rows N-2..1, columns M-2..0; neighbours below,
+/// below-right, right and up-right). Then the frame (first and last row and
+/// column) is set to 0.
+/// @param[in]  src       CV_32FC1 starting values (not modified)
+/// @param[out] dst       replaced by a new CV_32F image of src's size
+/// @param[in]  distType  0: diagonal step sqrt(2) in float (1.41421354),
+///                       1: diagonal 2 (city block), other: diagonal 1
+///                       (chessboard); the orthogonal step is always 1
+/// Fewer than 3 rows: only the frame is zeroed; an empty src gives an empty
+/// dst. NaN pixels keep their value and never spread. Out of contract: another
+/// single-channel depth is converted to float first; a multi-channel src
+/// leaves dst empty.
+PA_API void hx_distanceTrans(cv::Mat src, cv::Mat& dst, int distType);
+
+/// Local maxima of a float image by a windowed search. Windows are W x H
+/// (W = param.searchWin_x columns, H = param.searchWin_y rows); with
+/// nX = ceil(cols / (W/2)) and nY = ceil(rows / (H/2)), window (k, j) for
+/// k = 0..nY-1 (outer) and j = 0..nX-1 (inner) starts at row (k*W)/2 and
+/// column (j*H)/2, clipped to the image. In each window the pixels are taken
+/// column by column (column outer, row inner); the first becomes the best, and
+/// so does every later pixel while the best is negative, otherwise only a
+/// strictly greater one (ties keep the first). A best on the window's first or
+/// last row or column (of the unclipped window) is dropped, so a side cut off
+/// by the image edge has no border. A position is reported once, in order of
+/// first finding.
+/// @param[in]     img    CV_32FC1 image, read only (any other type: no peaks)
+/// @param[in,out] peaks  appended {x = column, y = row, 0, value, 0}
+/// @param[in]     param  window sizes; both must be at least 2: a smaller size
+///                       returns without peaks
+/// An empty image gives no peaks.
+PA_API void hx_getLocalPeaks_distTransform(const cv::Mat& img, std::vector<SHX_2DValueI>& peaks,
+                                           SHX_localPkParam param);
+
+/// Local minima of z in a scan seen as an image whose columns are scan lines
+/// and whose rows are point indices. Same windowed search as
+/// hx_getLocalPeaks_distTransform with these differences: the extent is
+/// lineNum lines by the first line's nPositionCnt points; window (k, j) for
+/// k = 0..nY-1 (outer) and j = 0..nX-1 (inner) starts at line (k*W)/2 and
+/// point (j*H)/2; only valid points (z >= 0.0001) are samples; better is
+/// strictly smaller z (ties keep the lower line, then the lower point).
+/// @param[in]     lines    array of lineNum scan lines, read only; all are
+///                         taken to have the first line's point count
+/// @param[in]     lineNum  number of lines; 0 or negative gives no peaks
+/// @param[in,out] peaks    appended {x = line index, y = point index, 0, z, 0}
+/// @param[in]     param    window sizes (W along lines, H along points); both
+///                         must be at least 2: a smaller size returns without
+///                         peaks
+/// A window without valid points reports nothing. Out of contract: a line
+/// with fewer points than the first (or no array) has no samples past its end.
+PA_API void hx_getLocalPeaks(const SKesp3DLaserLine* lines, int32_t lineNum, std::vector<SHX_2DValueI>& peaks,
+                             SHX_localPkParam param);
 
 // ===========================================================================
 // Image analysis: peak XY scan and contour handling
