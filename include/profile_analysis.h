@@ -1032,6 +1032,136 @@ PA_API void hx_getLocalPeaks(const SKesp3DLaserLine* lines, int32_t lineNum, std
 // Image analysis: peak XY scan and contour handling
 // ===========================================================================
 
-// @@image-contours@@
+/// Peak XY scan: from a seed point, collects the typed contour points that bound
+/// the object at the seed, walking along the scan lines (X sweep) and across
+/// them (Y sweep) inside a window of half-size bagL - 0.5 * seed.value.
+///
+/// Point types are read from the low 16 bits of each point's nPointIdx: bits
+/// 0-3 the along-line type, bits 4-7 the cross-line type, bits 8-15 mark bits.
+/// Types 1 to 4 are edges (1 and 3 set the point flag on walks toward lower
+/// indices, 2 and 4 toward higher ones); types 1, 2, 6, 7 and 8 end a walk.
+/// The X sweep visits lines seed.x, seed.x-1, ..., 0 (backward part) and then
+/// seed.x+1, ... (forward part) while |x(point seed.y of line i) - x(seed)| is
+/// within the limit; on each line it walks from seed.y toward lower and toward
+/// higher point indices. The Y sweep does the same over point indices p
+/// (window on y along the seed line), walking across the lines at p.
+/// A walk:
+///  - skips a point of type 0 (not at either end of its axis, no mark rule):
+///    nothing is recorded and the remembered previous point is cleared, but if
+///    the point's type on the other axis is 1 or 2 and none of the next four
+///    points in the walking direction has a type of its own before the axis
+///    ends, the walk aborts;
+///  - with useMarkBits, turns a type-0 point with mark bits into a type-8 point
+///    with flag 0 and contour index 5 / 6 (along a line, toward lower / higher
+///    point indices) or 7 / 8 (across lines, toward lower / higher lines);
+///  - ends without recording at the first visited point farther than the limit
+///    from the seed (|dy| along a line, |dx| across lines);
+///  - records a point of non-zero type whose contour index (element 0 of its
+///    flag pixel, or the marker above) is positive, except that such a point
+///    at the seed index or next to it ends the walk unrecorded;
+///  - ends after a point of type 1, 2, 6, 7 or 8 or of contour index 5 or 6
+///    (along a line) / 7 or 8 (across lines).
+/// Two successive recorded edge points whose seed distances differ by more
+/// than 100.0 abort the walk (types 1 or 2 along a line, only type 1 across
+/// lines); since both types end a walk this never happens in practice.
+/// An abort discards the two walks of that line (or point index) and ends the
+/// current part of the sweep; entries already added stay.
+///
+/// @param[in] lines       the scan, lineNum lines (read only); a regular grid:
+///                        every line is read with the first line's point count
+/// @param[in] lineNum     number of lines
+/// @param[in] flagImg     CV_32SC4, row = point index, column = line index;
+///                        element 0 = contour index (0: none), element 3 of the
+///                        seed's pixel must be non-zero; elements 1, 2 unused
+/// @param[in] seed        x = seed line, y = seed point index, value = object
+///                        width at the seed (e.g. its distance-transform value)
+/// @param[in] growParam   not read
+/// @param[in] bagParam    only bagL (object length) is read
+/// @param[in] useMarkBits enables the mark-bit rule above
+/// @param[in,out] lineContoursDown  X sweep, walks toward lower point indices:
+///                        one entry per line with records (lineIdx = line)
+/// @param[in,out] lineContoursUp    X sweep, walks toward higher point indices
+/// @param[in,out] rowContoursDown   Y sweep, walks toward lower line indices:
+///                        one entry per point index (lineIdx = point index)
+/// @param[in,out] rowContoursUp     Y sweep, walks toward higher line indices
+///                        In each vector the entries come in increasing index
+///                        order: the backward part's before what the vector
+///                        held, the forward part's after it.
+/// @param[out] lineDownMaxIdx, lineUpMaxIdx, rowDownMaxIdx, rowUpMaxIdx
+///                        largest contourIdx among the records added to the
+///                        vector of the same position (0 when none)
+/// An unflagged seed returns at once with all eight outputs untouched. A limit
+/// below 0 scans nothing (the outputs stay, the integers become 0).
+/// Out of contract, the routine also returns with nothing touched: a seed
+/// outside the scan, lines == nullptr or lineNum < 1, a first line without
+/// points, a line with a null point array or fewer points than the first, and
+/// a flag image that is not a 2-D CV_32SC4 matrix of at least (point count)
+/// rows and lineNum columns. Null max-index pointers are skipped. NaN
+/// coordinates or limits never fail a distance test; every walk stays bounded
+/// by the scan.
+PA_API void hx_peakXYScan(const SKesp3DLaserLine* lines, int32_t lineNum, const cv::Mat& flagImg, SHX_2DValueI seed,
+                          SHX_treeGrowParam growParam, SHX_bagParam bagParam, bool useMarkBits,
+                          std::vector<SHX_lineConotours>& lineContoursDown,
+                          std::vector<SHX_lineConotours>& lineContoursUp,
+                          std::vector<SHX_lineConotours>& rowContoursDown,
+                          std::vector<SHX_lineConotours>& rowContoursUp, int32_t* lineDownMaxIdx,
+                          int32_t* lineUpMaxIdx, int32_t* rowDownMaxIdx, int32_t* rowUpMaxIdx);
+
+/// Points of one contour, appended as {x = lineIdx, y = ptIdx, featureType =
+/// ptType, value = z, value2 = 0}, in vector order and line order.
+/// @param[in]  lineContours  per-line contour records (read only)
+/// @param[in]  contourIdx    the contour wanted
+/// @param[in,out] contourPts the points are appended after what it holds
+/// @param[out] flagMajority  1 when twice the number of appended points with
+///                           ptFlag >= 1 exceeds the size of the whole
+///                           contourPts vector after the appends, else 0
+/// Empty lineContours (or no matching point): nothing appended, flag 0.
+/// A null flagMajority is skipped.
+PA_API void hx_getContourPts(const std::vector<SHX_lineConotours>& lineContours, int contourIdx,
+                             std::vector<SHX_2DValueI>& contourPts, int* flagMajority);
+
+/// Pairs whose key (pairKey_0, pairKey_1) equals the (data_0, data_1) of some
+/// entry of pairKeys and whose two points lie strictly inside the range
+/// (min < v < max, on x when isX, else on y), appended whole in input order.
+/// @param[in]  pairs      the candidate pairs (read only)
+/// @param[in]  pairKeys   the accepted keys (read only); empty: no pair is kept
+/// @param[in,out] validPairs  kept pairs are appended after what it holds
+/// @param[in]  range      the open interval; an empty range keeps nothing
+/// @param[in]  isX        test x (true) or y (false) of both points
+/// @param[out] flag1Majority  1 when the kept pairs with pt_1.ptFlag >= 1 are
+///                        more than half (integer division) of the whole
+///                        validPairs vector, else 0
+/// @param[out] flag2Majority  the same for pt_2
+/// NaN coordinates are never inside the range. Null flag pointers are skipped.
+/// validPairs must not be the pairs vector itself.
+PA_API void hx_getPairingContourPts(const std::vector<SHX_conotourPair>& pairs,
+                                    const std::vector<SHX_intPair>& pairKeys,
+                                    std::vector<SHX_conotourPair>& validPairs, SKespRangeD range, bool isX,
+                                    int* flag1Majority, int* flag2Majority);
+
+/// Keeps the contours that are long enough and close to the seed: points are
+/// grouped by contourIdx; a contour of at most (3 * n) / 10 points (n = all
+/// input points, integer division) is dropped; of the others, the smallest mean
+/// seedDist is the reference (the first contour wins ties), and every contour
+/// whose mean minus the reference is strictly below distTolerance is output.
+/// @param[in]  contourPts     the points (read only), contourIdx in 0 .. maxContourIdx
+/// @param[in]  maxContourIdx  the largest contour identifier
+/// @param[in]  distTolerance  tolerance on the mean seed distance
+/// @param[in,out] outPts      appended after what it holds, grouped by contour
+///                            in order of first appearance, input order within a
+///                            contour, as {x = lineIdx, y = ptIdx, featureType =
+///                            ptType, value = z, value2 = tag}
+/// @param[in]  tag            written into value2 of every output point
+/// @param[out] flagMajority   1 when twice the number of output points with
+///                            ptFlag >= 1 exceeds the size of the whole outPts
+///                            vector, else 0
+/// Empty input, or no contour left: nothing appended, flag 0.
+/// Out of contract: points whose contourIdx lies outside 0 .. maxContourIdx
+/// belong to no contour (never counted, never output) but still count in n;
+/// a negative maxContourIdx outputs nothing. Memory use follows the largest
+/// identifier present, not maxContourIdx. NaN seed distances make their
+/// contour's mean NaN, which is never selected. A null flagMajority is skipped.
+PA_API void hx_contourPostProc(const std::vector<SHX_contourPtInfo>& contourPts, int maxContourIdx,
+                               double distTolerance, std::vector<SHX_2DValueI>& outPts, int tag, int* flagMajority);
 
 #endif  // PROFILE_ANALYSIS_H
