@@ -11,86 +11,113 @@ using pa_detail::isStrictlyValidZ;
 
 namespace {
 
-// How far a valid point lies from the valid point before it.
-struct HeightStep {
-    double operator()(const SKesp3DPosition& p, const SKesp3DPosition& last) const { return std::fabs(p.z - last.z); }
+// Whether a valid point continues the run of the valid point before it: its
+// height step is below the continuity limit.
+struct HeightContinuity {
+    double th;
+    explicit HeightContinuity(double continuityTh) : th(continuityTh) {}
+    bool operator()(const SKesp3DPosition& p, const SKesp3DPosition& last) const { return th > std::fabs(p.z - last.z); }
 };
 
-struct SpatialStep {
-    double operator()(const SKesp3DPosition& p, const SKesp3DPosition& last) const {
+// Whether the 3-D distance sqrt(dx^2 + dy^2 + dz^2) to the previous valid
+// point is below the limit. Squared distances clearly below or above the
+// squared limit decide without the square root; only those within a relative
+// kSquareBand of it take the root, so the answer is always the root's.
+struct SpatialContinuity {
+    static constexpr double kSquareBand = 1e-9;
+    // Limits whose squares are normal doubles, so the band above holds.
+    static constexpr double kMinFastTh = 1e-150, kMaxFastTh = 1e150;
+    double th, surelyBelow = -1.0, surelyAbove = -1.0;  // -1: always take the root
+
+    explicit SpatialContinuity(double continuityTh) : th(continuityTh) {
+        if (th >= kMinFastTh && th <= kMaxFastTh) {
+            surelyBelow = th * th * (1.0 - kSquareBand);
+            surelyAbove = th * th * (1.0 + kSquareBand);
+        }
+    }
+    bool operator()(const SKesp3DPosition& p, const SKesp3DPosition& last) const {
         const double dx = p.x - last.x, dy = p.y - last.y, dz = p.z - last.z;
-        return std::sqrt(dx * dx + dy * dy + dz * dz);
+        const double sq = dx * dx + dy * dy + dz * dz;
+        if (sq < surelyBelow) return true;
+        if (sq > surelyAbove) return false;
+        return th > std::sqrt(sq);
     }
 };
 
 // Cuts the line into runs of strictly valid points in one pass and calls
 // removeRun(first, lastValid) for every run with fewer points than outlierTh.
 // Invalid points neither start, extend nor end a run; a valid point joins the
-// run while its step from the previous valid point is below continuityTh
-// (a step equal to it starts a new run). A run is passed to removeRun as soon
-// as the next one starts, so removeRun may write into `pts` itself: it only
-// touches indices the walk has already left behind.
-template <typename Step, typename RemoveRun>
-void forEachShortRun(const SKesp3DPosition* pts, int64_t n, const SHX_outlierFilterParam& param, Step step,
-                     RemoveRun removeRun) {
+// run while `continues` says so (a step equal to the limit starts a new run).
+// A run is passed to removeRun as soon as the next one starts, so removeRun
+// may write into `pts` itself: it only touches indices the walk has already
+// left behind. visit(i) is called for every point before it is looked at.
+template <typename Continues, typename RemoveRun, typename Visit>
+void forEachShortRun(const SKesp3DPosition* pts, int64_t n, double outlierTh, Continues continues,
+                     RemoveRun removeRun, Visit visit) {
     int64_t first = -1, lastValid = -1, count = 0;
     SKesp3DPosition last;
     for (int64_t i = 0; i < n; ++i) {
+        visit(i);
         const SKesp3DPosition p = pts[i];
         if (!isStrictlyValidZ(p.z)) continue;
         if (first < 0) {
             first = i;
             count = 1;
-        } else if (param.continuityTh > step(p, last)) {
+        } else if (continues(p, last)) {
             ++count;
         } else {
-            if (param.outlierTh > static_cast<double>(count)) removeRun(first, lastValid);
+            if (outlierTh > static_cast<double>(count)) removeRun(first, lastValid);
             first = i;
             count = 1;
         }
         last = p;
         lastValid = i;
     }
-    if (first >= 0 && param.outlierTh > static_cast<double>(count)) removeRun(first, lastValid);
+    if (first >= 0 && outlierTh > static_cast<double>(count)) removeRun(first, lastValid);
 }
 
 // The copying variants: the output becomes a copy of the line (its length
 // taken from the count as given, so a negative count makes the resize throw
 // std::length_error), then the short runs are zeroed in the copy and their
-// indices, gaps included, appended to removedIdx.
-template <typename Step>
-void removeOutliersIntoCopy(const SKesp3DPosition* lineData, int32_t ptNum, const SHX_outlierFilterParam& param,
-                            std::vector<SKesp3DPosition>& cleanedData, std::vector<int32_t>& removedIdx, Step step) {
+// indices, gaps included, appended to removedIdx. The copy is made during the
+// walk, so the line is read once.
+template <typename Continues>
+void removeOutliersIntoCopy(const SKesp3DPosition* lineData, int32_t ptNum, double outlierTh,
+                            Continues continues, std::vector<SKesp3DPosition>& cleanedData,
+                            std::vector<int32_t>& removedIdx) {
     cleanedData.resize(static_cast<size_t>(static_cast<int64_t>(ptNum)));
     if (ptNum <= 0 || lineData == nullptr) return;
     SKesp3DPosition* out = cleanedData.data();
-    if (out != lineData) std::copy_n(lineData, ptNum, out);
-    forEachShortRun(lineData, ptNum, param, step, [&](int64_t first, int64_t lastValid) {
+    const auto zeroRun = [&](int64_t first, int64_t lastValid) {
         for (int64_t k = first; k <= lastValid; ++k) {
             out[k].z = 0.0;
             removedIdx.push_back(static_cast<int32_t>(k));
         }
-    });
+    };
+    forEachShortRun(lineData, ptNum, outlierTh, continues, zeroRun, [&](int64_t i) { out[i] = lineData[i]; });
 }
 
 }  // namespace
 
 PA_API void hx_lineDataRemoveOutlier(const SKesp3DPosition* lineData, int32_t ptNum, SHX_outlierFilterParam param,
                                      std::vector<SKesp3DPosition>& cleanedData, std::vector<int32_t>& removedIdx) {
-    removeOutliersIntoCopy(lineData, ptNum, param, cleanedData, removedIdx, HeightStep());
+    removeOutliersIntoCopy(lineData, ptNum, param.outlierTh, HeightContinuity(param.continuityTh), cleanedData,
+                           removedIdx);
 }
 
 PA_API void hx_lineDataRemoveOutlier_changeOriginData(SKesp3DPosition* lineData, int32_t ptNum,
                                                       SHX_outlierFilterParam param) {
     if (ptNum <= 0 || lineData == nullptr) return;
-    forEachShortRun(lineData, ptNum, param, HeightStep(), [lineData](int64_t first, int64_t lastValid) {
+    const auto zeroRun = [lineData](int64_t first, int64_t lastValid) {
         for (int64_t k = first; k <= lastValid; ++k) lineData[k].z = 0.0;
-    });
+    };
+    forEachShortRun(lineData, ptNum, param.outlierTh, HeightContinuity(param.continuityTh), zeroRun, [](int64_t) {});
 }
 
 PA_API void hx_lineDataRemoveOutlier_ptDistMethod(const SKesp3DPosition* lineData, int32_t ptNum,
                                                   SHX_outlierFilterParam param,
                                                   std::vector<SKesp3DPosition>& cleanedData,
                                                   std::vector<int32_t>& removedIdx) {
-    removeOutliersIntoCopy(lineData, ptNum, param, cleanedData, removedIdx, SpatialStep());
+    removeOutliersIntoCopy(lineData, ptNum, param.outlierTh, SpatialContinuity(param.continuityTh), cleanedData,
+                           removedIdx);
 }

@@ -13,9 +13,9 @@ using pa_detail::isStrictlyValidZ;
 namespace {
 
 // A running sum that stays accurate while values enter and leave it: every
-// update is an error-free two-sum whose rounding error is carried in `carry`,
-// so a window that once held large heights does not leave their rounding
-// noise behind when it moves on to small ones.
+// update is done with error-free two-sums whose rounding errors are carried in
+// `carry`, so a window that once held large heights does not leave their
+// rounding noise behind when it moves on to small ones.
 struct RunningSum {
     double sum = 0.0;
     double carry = 0.0;
@@ -24,6 +24,18 @@ struct RunningSum {
         const double t = sum + v;
         const double vPart = t - sum;
         carry += (sum - (t - vPart)) + (v - vPart);
+        sum = t;
+    }
+    // Adds entering - leaving. The difference is formed exactly (d + e) off
+    // the sum's dependency chain, so each window step costs the chain one
+    // addition instead of two.
+    void replace(double leaving, double entering) {
+        const double d = entering - leaving;
+        const double dPart = d - entering;
+        const double e = (entering - (d - dPart)) + (-leaving - dPart);
+        const double t = sum + d;
+        const double tPart = t - sum;
+        carry += e + ((sum - (t - tPart)) + (d - tPart));
         sum = t;
     }
     double value() const { return sum + carry; }
@@ -46,9 +58,10 @@ RunningSum compensatedValidSum(const SKesp3DPosition* pts, int64_t lo, int64_t h
     return s;
 }
 
-// Writes into out[i].z, for every strictly valid in[i], the mean of the
-// strictly valid heights of in[i - half .. i + half] clipped to the line. out
-// already holds a copy of in; invalid points keep their copied height.
+// Writes into out[0..n-1] a copy of in[0..n-1] in which the z of every
+// strictly valid point is the mean of the strictly valid heights of
+// in[i - half .. i + half] clipped to the line; invalid points are copied as
+// they are. Copying in the same pass saves a second sweep over the line.
 // The window moves by one point per step, so each point enters and leaves the
 // running sum once: the cost does not depend on the window. Should the sum
 // overflow (infinite heights, or heights near the top of the double range),
@@ -58,8 +71,10 @@ void smoothHeights(const SKesp3DPosition* in, int64_t n, int64_t half, SKesp3DPo
     if (half < 0) {
         // An empty window: the mean is 0 / 0 at every valid point.
         const double nan = std::numeric_limits<double>::quiet_NaN();
-        for (int64_t i = 0; i < n; ++i)
+        for (int64_t i = 0; i < n; ++i) {
+            out[i] = in[i];
             if (isStrictlyValidZ(in[i].z)) out[i].z = nan;
+        }
         return;
     }
     half = std::min(half, n);
@@ -73,16 +88,14 @@ void smoothHeights(const SKesp3DPosition* in, int64_t n, int64_t half, SKesp3DPo
         if (i > 0) {
             const int64_t entering = i + half;
             const int64_t leaving = i - half - 1;
-            if (entering < n && isStrictlyValidZ(in[entering].z)) {
-                window.add(in[entering].z);
-                ++count;
-            }
-            if (leaving >= 0 && isStrictlyValidZ(in[leaving].z)) {
-                window.add(-in[leaving].z);
-                if (--count == 0) window = RunningSum();  // exact restart whenever the window empties
-            }
+            const bool enters = entering < n && isStrictlyValidZ(in[entering].z);
+            const bool leaves = leaving >= 0 && isStrictlyValidZ(in[leaving].z);
+            window.replace(leaves ? in[leaving].z : 0.0, enters ? in[entering].z : 0.0);
+            count += static_cast<int64_t>(enters) - static_cast<int64_t>(leaves);
+            if (count == 0) window = RunningSum();  // exact restart whenever the window empties
             if (!window.isFinite()) window = compensatedValidSum(in, lo(i), hi(i));
         }
+        out[i] = in[i];
         if (!isStrictlyValidZ(in[i].z)) continue;
         const double sum = window.isFinite() ? window.value() : plainValidSum(in, lo(i), hi(i));
         out[i].z = sum / static_cast<double>(count);
@@ -102,7 +115,7 @@ PA_API void hx_lineDataSmoothing(const std::vector<SKesp3DPosition>& lineData, i
                       smoothedData.data());
         return;
     }
-    smoothedData.assign(lineData.begin(), lineData.end());
+    smoothedData.resize(lineData.size());
     smoothHeights(lineData.data(), static_cast<int64_t>(lineData.size()), halfWindow(winSize),
                   smoothedData.data());
 }
@@ -119,7 +132,7 @@ PA_API void hx_lineSegSmoothing(const std::vector<SKesp3DPosition>& lineData, do
     const int64_t n = static_cast<int64_t>(lineData.size());
     const int64_t half = halfWindow(winSize);
     const size_t base = smoothedData.size();
-    smoothedData.insert(smoothedData.end(), lineData.begin(), lineData.end());
+    smoothedData.resize(base + lineData.size());
     const SKesp3DPosition* in = lineData.data();
     SKesp3DPosition* out = smoothedData.data() + base;
 
