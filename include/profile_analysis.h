@@ -395,7 +395,85 @@ PA_API void eulerToRotationMatrixZYX(const SHX_EulerAngles& e, double R[3][3]);
 // Per-line detectors: local peaks, down jumps, flat-line peaks
 // ===========================================================================
 
-// @@peaks@@
+/// Local z maxima (type 14) and minima (type 13) of one profile that dominate
+/// their neighbourhood along y.
+/// Candidates: walking the line, each valid point (z >= 0.0001) is compared
+/// with the previous valid point (gaps of invalid points are bridged). Where
+/// z turns from rising to falling the previous point is a peak candidate, from
+/// falling to rising a valley candidate. Equal z never changes a decided
+/// trend, so a plateau yields its last point; the first valid point is never a
+/// candidate; the last valid point becomes one only when the array ends in one
+/// or more invalid points (a valid last point adds no end candidate).
+/// Suppression: a peak candidate is dropped when another peak candidate within
+/// peakRangeY along y (x ignored; a neighbour at exactly peakRangeY is inside)
+/// is strictly higher; a valley candidate when one is strictly lower. Each
+/// side is scanned from the candidate outwards, in line order, and stops at
+/// the first candidate out of range even if a later one is in range again.
+/// Equal extremes within range are all kept.
+/// @param[in,out] points      pointCount points in scan order; the nPointIdx
+///                            of point i is set to i (all points, valid or not)
+/// @param[in]     pointCount  number of points; below 2 returns at once
+///                            without touching the points
+/// @param[in]     lineIdx     scan-line index copied into every record
+/// @param[in]     peakRangeY  neighbourhood half-width along y (length unit);
+///                            only its square is used, so its sign is ignored
+/// @param[in,out] peaks       survivors are appended (type 14, featurePos the
+///                            point, featureValue 0.0); never cleared
+/// @param[in,out] valleys     survivors are appended (type 13, likewise); all
+///                            valleys are appended before any peak, which shows
+///                            when the same vector is passed twice
+/// No valid point gives no record. A NaN y is never out of range; a NaN
+/// z counts as invalid; a NaN or infinite peakRangeY never ends a scan, so each
+/// candidate is compared with all others of its kind (quadratic, but it ends).
+PA_API void hx_getLineLocalPeaks(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double peakRangeY,
+                                 std::vector<SHX_basicFeature1D>& peaks, std::vector<SHX_basicFeature1D>& valleys);
+
+/// Upward jumps of z between consecutive valid points of one profile (type 1).
+/// A jump is recorded where z rises by strictly more than jumpThreshold from
+/// one valid point (z >= 0.0001) to the next; invalid points in between are
+/// bridged. Falls of z are ignored however large.
+/// @param[in,out] points         pointCount points in scan order; the
+///                               nPointIdx of point i is set to i
+/// @param[in]     pointCount     number of points; below 2 returns at once
+///                               without touching the points
+/// @param[in]     lineIdx        scan-line index copied into every record
+/// @param[in]     jumpThreshold  least z rise (exclusive), length unit
+/// @param[in,out] jumps          one record per jump is appended (type 1,
+///                               featurePos the valid point just before the
+///                               rise, featureValue 0.0); never cleared
+/// No valid point gives no record; a NaN z counts as invalid, and a NaN
+/// threshold finds no jump.
+PA_API void hx_getLineDownJumps(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double jumpThreshold,
+                                std::vector<SHX_basicFeature1D>& jumps);
+
+/// Bumps standing on a flat, possibly tilted surface (a conveyor belt, a
+/// plate): local maxima of the height above a fitted base line (type 14).
+/// The base line z = k * y + b is fitted by least squares to the valid points
+/// (z >= 0.0001), then refitted once to the valid points whose residual
+/// z - (k * y + b) is strictly below flatTolerance in absolute value. The
+/// residual above the refitted line then takes the place of z in the rules of
+/// hx_getLineLocalPeaks: the same candidate scan (plateaus keep their last
+/// point, gaps are bridged, an end candidate only when the line ends in
+/// invalid points) and the same suppression within peakRangeY along y; a
+/// survivor is reported when its residual is strictly greater than
+/// minPeakHeight.
+/// @param[in]     line           the profile in scan order (read only)
+/// @param[in]     lineIdx        scan-line index copied into every record
+/// @param[in]     peakRangeY     neighbourhood half-width along y (sign ignored)
+/// @param[in]     minPeakHeight  least height above the base line (exclusive)
+/// @param[in]     flatTolerance  largest |residual| (exclusive) of the points
+///                               the base line is refitted to
+/// @param[in,out] peaks          one record per bump is appended: featurePos
+///                               a copy of the point with nPointIdx set to its
+///                               array index, featureValue its height above
+///                               the base line; never cleared
+/// Fewer than 3 valid points, fewer than 2 flat points for the refit, or
+/// points that do not spread along y give nothing. A NaN y of a valid point
+/// leaves no base line, so nothing is found; a NaN z counts as invalid; x is
+/// only copied.
+PA_API void hx_getFlatLineLocalPeaks_vector(const std::vector<SKesp3DPosition>& line, int32_t lineIdx,
+                                            double peakRangeY, double minPeakHeight, double flatTolerance,
+                                            std::vector<SHX_basicFeature1D>& peaks);
 
 // ===========================================================================
 // Per-line detectors: L/V features
@@ -451,7 +529,100 @@ PA_API void hx_getLineLVFeature(const SKesp3DPosition* points, int32_t pointCoun
 // Feature tracking: tree growing
 // ===========================================================================
 
-// @@growing@@
+// Tree growing links the features of successive scan lines into trees. All
+// four routines share the same steps:
+//  - Matching: a feature f is offered to the trees in vector order and joins
+//    the FIRST tree that accepts it (not the nearest). A tree accepts f when
+//    it is not closed (treeState != 2), its last node lies on another line
+//    (f.lineIdx differs), |dy| < yDeviation_max and |dz| < zDeviation_max
+//    against the last node, also |dx| < xDeviation_max when f lies
+//    maxLineSkipNum or more lines after the last node (no x test below that),
+//    and the tree's type accepts f's type (see the feature type codes above).
+//    All tests are strict, so a NaN difference fails. The tree then takes a
+//    copy of f, eLineIdx becomes the line index of the call's step and
+//    treeValue grows by f.featureValue. A feature no tree accepts seeds a new
+//    tree at the end of the vector (state 1, type of f, sLineIdx = eLineIdx =
+//    the line index, xRange and yRange zero).
+//  - Closing, after every line: a tree in state 1 is closed (state 2) when
+//    maxLineSkipNum > 0 and the line lies more than maxLineSkipNum lines after
+//    its last node, or on the input's last line. A closed tree is kept only
+//    when its length (x-y distance from first to last node) is greater than
+//    minLTypeTreeLen; a type-5 tree when its length is greater than
+//    minVTypeTreeLen and the z of its nodes n/4 and 3n/4 differ by less than
+//    0.3 times the length. Trees that fail are erased; the others keep their
+//    order. Trees in a state other than 1 and 2 take nodes but never close.
+// The trees vector is never cleared: trees already in it are matched and
+// closed like new ones. Trees without nodes (outside the contract) are
+// neither matched nor closed.
+
+/// Grows trees over a scan of per-line feature records.
+/// @param[in]     lineFeatures  one record per scan line, in scan order; each
+///                              record's features are offered in order under
+///                              its lineIdx, then the closing step runs; the
+///                              last record closes every growing tree
+/// @param[in,out] trees         trees are matched, appended, closed and erased
+/// @param[in]     growParam     matching and keep limits
+/// Empty lineFeatures leaves trees untouched. New trees start with treeValue
+/// 0.0 (the seed's value is not counted). Cost: features times the trees still
+/// open, independent of the number of closed trees in the vector.
+PA_API void hx_getFeatureGrowingTrees(const std::vector<SHX_lineFeature>& lineFeatures,
+                                      std::vector<SHX_featureTree>& trees, SHX_treeGrowParam growParam);
+
+/// Grows trees by the features of one scan line; call once per line, in scan
+/// order, on the same trees vector.
+/// @param[in]     lineIdx       index of this line (matching, seeding, closing)
+/// @param[in]     isLastLine    true closes every growing tree after this line
+/// @param[in]     lineFeatures  the line's features, offered in order; empty
+///                              still runs the closing step
+/// @param[in,out] trees         trees are matched, appended, closed and erased;
+///                              trees stay open between calls
+/// @param[in]     growParam     matching and keep limits
+/// A new tree's treeValue starts at its seed's featureValue. This routine
+/// keeps no state between calls, so every call scans the whole trees vector,
+/// closed trees included, to find the open ones: its cost grows with the
+/// number of trees the caller keeps in the vector. Callers with the whole
+/// scan at hand should prefer hx_getFeatureGrowingTrees or
+/// hx_peakFeatureGrowing, whose cost does not.
+PA_API void hx_lineFeaturesGrowing(int32_t lineIdx, bool isLastLine, const std::vector<SHX_basicFeature1D>& lineFeatures,
+                                   std::vector<SHX_featureTree>& trees, SHX_treeGrowParam growParam);
+
+/// Grows trees over grid positions into a scan (segment ends, image peaks).
+/// @param[in]     endings      positions sorted by x; each becomes a feature
+///                             of type featureType, lineIdx p.x, nPointIdx p.y,
+///                             featureValue 0.0, then is matched or seeds a
+///                             tree under line p.x, and the closing step runs
+///                             for line p.x (the last position closes all)
+/// @param[in]     scanLines    the scan's lines (read only)
+/// @param[in]     lineWise     true: p is point p.y of line p.x, and the
+///                             feature takes its x, y, z; false: p is point
+///                             p.x of line p.y, and the feature takes its y as
+///                             x, its x as y, and its z
+/// @param[in]     featureType  type code of the made features
+/// @param[in,out] trees        trees are matched, appended, closed and erased
+/// @param[in]     growParam    matching and keep limits
+/// Empty endings or a null scanLines leaves trees untouched. Positions are
+/// not checked against the number of lines; a position with a negative index
+/// or a point index past its line's count makes no feature (the closing step
+/// still runs for it). New trees start with treeValue 0.0.
+PA_API void hx_getEndingGrowingTrees(const std::vector<SHX_2DValueI>& endings, const SKesp3DLaserLine* scanLines,
+                                     bool lineWise, int32_t featureType, std::vector<SHX_featureTree>& trees,
+                                     SHX_treeGrowParam growParam);
+
+/// Grows trees over one feature vector per scan line, then sets every tree's
+/// xRange and yRange to the extent of its nodes' x and y.
+/// @param[in]     lineFeatures  inner vector i holds the features of line i;
+///                              they are compared by their own lineIdx
+///                              (callers fill it with i) and seed and close
+///                              under i; the last index closes every tree
+/// @param[in,out] trees         trees are matched, appended, closed and erased;
+///                              afterwards every tree in it (earlier ones too)
+///                              gets its ranges, all 0.0 for a tree without
+///                              nodes
+/// @param[in]     growParam     matching and keep limits
+/// Empty lineFeatures leaves trees untouched. New trees start with treeValue
+/// 0.0. Cost as hx_getFeatureGrowingTrees.
+PA_API void hx_peakFeatureGrowing(const std::vector<std::vector<SHX_basicFeature1D>>& lineFeatures,
+                                  std::vector<SHX_featureTree>& trees, SHX_treeGrowParam growParam);
 
 // ===========================================================================
 // Feature tracking: L/V growing
