@@ -626,7 +626,39 @@ PA_API void hx_getFlatLineLocalPeaks_vector(const std::vector<SKesp3DPosition>& 
 // Per-line detectors: L/V features
 // ===========================================================================
 
-// @@lv@@
+/// Steps, steep flanks and V shapes of one profile, and the ends of its
+/// continuous segments. The line is cut into monotone z runs (successive valid
+/// points, z >= 0.0001, compared across invalid ones); runs whose total z
+/// change is below minRunHeight are dropped. A run whose largest single step
+/// exceeds jumpHeight gives a step (1 rising, 2 falling) at the step's lower
+/// point; otherwise a run higher than jumpHeight that is steeper than 2 (|dz/dy|
+/// between the valid neighbours of its largest step) and whose high end lies
+/// more than 2 indices from every segment end gives a flank (3 rising, 4
+/// falling) at the step's upper point. A rising run followed by a falling run
+/// whose sides match within zTol / yTol is a V (5) at the deeper top; a step or
+/// flank within 5.0 along y of a V is arbitrated against it (the overall depth
+/// change of the V against 40.0 decides). Finally a step followed by a step of
+/// the same type less than 20.0 away along y gives way to it.
+/// @param[in]  points      pointCount points of one line (read only)
+/// @param[in]  pointCount  number of points; below 2 nothing happens
+/// @param[in]  lineIdx     written into every record's lineIdx
+/// @param[in]  slopeParam  minRunHeight, jumpHeight and maxGapY are read
+///                         (slopeRangeY is not); segments split where invalid
+///                         points span more than maxGapY along y
+/// @param[in]  vParam      zTol (side depth tolerance and depth offset of the
+///                         comparison) and yTol (side width tolerance)
+/// @param[in,out] lineFeature  features are appended to features in order along
+///                         the line, and per segment a type-6 record (first
+///                         point) and a type-7 record (last point) to endings;
+///                         its lineIdx is not set. Each record holds a copy of
+///                         the point with nPointIdx = its array index, and
+///                         featureValue 0.0. The merging of near steps touches
+///                         only this call's features.
+/// A segment that starts at the line's last point gives no endings. NaN heights
+/// count as invalid points; infinite heights are outside the contract and give
+/// unspecified features, never a crash or a hang; null pointers do nothing.
+PA_API void hx_getLineLVFeature(const SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx,
+                                SHX_slopeParam slopeParam, SHX_VFeatureParam vParam, SHX_lineFeature* lineFeature);
 
 // ===========================================================================
 // Per-line detectors: corners, jumps, right angles, glove arcs
