@@ -199,6 +199,14 @@ struct CornerSegment {
     int32_t valid = 1;     ///< 0 once joined into its successor
 };
 
+/// A read-only run of indices owned by a CornerAngleList.
+struct CornerIndexList {
+    const int32_t* data = nullptr;
+    std::size_t count = 0;
+    std::size_t size() const { return count; }
+    int32_t operator[](std::size_t i) const { return data[i]; }
+};
+
 /// The direction angles of one profile as the corner and jump detectors see
 /// them: the valid points (z > 0.0001) compacted in order, each with the
 /// nearest point at least one arm length before and after it (straight-line
@@ -232,8 +240,8 @@ public:
     double backwardZ(int32_t k) const { return z_[back_[k]]; }
     double forwardZ(int32_t k) const { return z_[fwd_[k]]; }
     /// Compacted indices of the extrema of the corner angle, in line order.
-    const std::vector<int32_t>& maxima() const { return maxima_; }
-    const std::vector<int32_t>& minima() const { return minima_; }
+    CornerIndexList maxima() const { return CornerIndexList{maxima_, maxCount_}; }
+    CornerIndexList minima() const { return CornerIndexList{minima_, minCount_}; }
 
     /// The exact angle (one-argument atan), in degrees.
     double exact(Angle a, int32_t k) const;
@@ -245,7 +253,7 @@ public:
     /// True when a candidate of cands within 2 * armLen along y of cands[pos]
     /// (both scans stop at the first candidate beyond that range) has a
     /// strictly larger corner angle (magnitude, with absolute).
-    bool outranked(const std::vector<int32_t>& cands, size_t pos, double armLen, bool absolute) const;
+    bool outranked(CornerIndexList cands, std::size_t pos, double armLen, bool absolute) const;
 
     /// Largest error of one approximated angle, in degrees (the polynomial's
     /// own error is below 1.5e-5 degrees).
@@ -253,23 +261,28 @@ public:
 
 private:
     double approx(Angle a, int32_t k) const;
+    void allocate(std::size_t n);
     void findNeighbours(double armLen);
+    void approximateAngles();
     void findExtrema(bool keepMinima);
 
     int32_t m_ = 0;
-    std::vector<int32_t> ints_;   // idx_, back_, fwd_ in one block
-    std::vector<double> reals_;   // y_, z_, path_, approx angles in one block
-    int32_t* idx_ = nullptr;      // input index of compacted point k
-    int32_t* back_ = nullptr;     // backward neighbour, -1 when k has no angles
-    int32_t* fwd_ = nullptr;      // forward neighbour, -1 when k has no angles
-    double* y_ = nullptr;
+    std::vector<int32_t> ints_;        // the index arrays below, in one block
+    std::vector<double> reals_;        // the coordinate and angle arrays below, in one block
+    int32_t* idx_ = nullptr;           // input index of compacted point k
+    int32_t* back_ = nullptr;          // backward neighbour, -1 when k has no angles
+    int32_t* fwd_ = nullptr;           // forward neighbour, -1 when k has no angles
+    int32_t* maxima_ = nullptr;
+    int32_t* minima_ = nullptr;
+    std::size_t maxCount_ = 0;
+    std::size_t minCount_ = 0;
+    double* y_ = nullptr;              // padded on both sides with NaN (never within reach)
     double* z_ = nullptr;
-    double* path_ = nullptr;      // polyline length from point 0 to point k
-    double* approxB_ = nullptr;
-    double* approxF_ = nullptr;
-    double* approxC_ = nullptr;
-    std::vector<int32_t> maxima_;
-    std::vector<int32_t> minima_;
+    double* path_ = nullptr;           // polyline length from point 0 to point k; +inf after m
+    double* approxB_ = nullptr;        // before approximateAngles: backward dz
+    double* approxF_ = nullptr;        // before approximateAngles: forward dz
+    double* approxC_ = nullptr;        // before approximateAngles: backward |dy|
+    double* forwardDy_ = nullptr;      // forward |dy|
 };
 
 // ---------------------------------------------------------------------------

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <limits>
 
+#include <opencv2/core/hal/intrin.hpp>
+
 #include "internal.h"
 
 namespace pa_detail {
@@ -40,6 +42,26 @@ inline double approxChordAngle(double dz, double ady) {
     return dz < 0.0 ? -deg : deg;
 }
 
+#if CV_SIMD128_64F
+// approxChordAngle on two lanes; same formula, same NaN behaviour.
+inline cv::v_float64x2 approxChordAngle2(const cv::v_float64x2& dz, const cv::v_float64x2& ady) {
+    const cv::v_float64x2 zero = cv::v_setzero_f64();
+    const cv::v_float64x2 az = cv::v_abs(dz);
+    const cv::v_float64x2 steep = az > ady;
+    const cv::v_float64x2 v = cv::v_select(steep, ady, az) / cv::v_select(steep, az, ady);
+    const cv::v_float64x2 s = v * v;
+    cv::v_float64x2 p = cv::v_setall_f64(kAtan6);
+    p = p * s + cv::v_setall_f64(kAtan5);
+    p = p * s + cv::v_setall_f64(kAtan4);
+    p = p * s + cv::v_setall_f64(kAtan3);
+    p = p * s + cv::v_setall_f64(kAtan2);
+    p = p * s + cv::v_setall_f64(kAtan1);
+    p = (p * s + cv::v_setall_f64(kAtan0)) * v;
+    const cv::v_float64x2 deg = cv::v_select(steep, cv::v_setall_f64(kHalfPi) - p, p) * cv::v_setall_f64(kDegPerRad);
+    return cv::v_select(dz < zero, zero - deg, deg);
+}
+#endif
+
 inline double exactChordAngle(double dz, double dy) { return radToDegLiteral(std::atan(dz / std::fabs(dy))); }
 
 // Smallest squared distance d2 with sqrt(d2) >= armLen, so that the arm test
@@ -57,25 +79,38 @@ enum Trend { kUndecided, kRising, kFalling };
 
 }  // namespace
 
-void CornerAngleList::build(const SKesp3DPosition* points, int32_t count, double jumpZ, double armLen,
-                            bool keepMinima, std::vector<CornerSegment>* segments) {
-    m_ = 0;
-    maxima_.clear();
-    minima_.clear();
-    if (points == nullptr || count < 1) return;
+// Arrays are padded so that the neighbour scans can test four points at once
+// without bounds checks: coordinates are NaN outside 0 .. m-1 (a NaN distance
+// never reaches an arm) and the path is +inf after m-1.
+constexpr int32_t kPad = 4;
 
-    const size_t n = static_cast<size_t>(count);
-    ints_.resize(3 * n);
-    reals_.resize(6 * n);
+// Index of the lowest set bit of a 4-bit mask (mask != 0).
+constexpr int8_t kLowestBit[16] = {0, 0, 1, 0, 2, 0, 1, 0, 3, 0, 1, 0, 2, 0, 1, 0};
+
+void CornerAngleList::allocate(size_t n) {
+    const size_t stride = n + 2 * kPad;
+    ints_.resize(5 * n + 2);
     idx_ = ints_.data();
     back_ = idx_ + n;
     fwd_ = back_ + n;
-    y_ = reals_.data();
-    z_ = y_ + n;
-    path_ = z_ + n;
-    approxB_ = path_ + n;
-    approxF_ = approxB_ + n;
-    approxC_ = approxF_ + n;
+    maxima_ = fwd_ + n;
+    minima_ = maxima_ + n + 1;
+    reals_.resize(7 * stride);
+    y_ = reals_.data() + kPad;
+    z_ = y_ + stride;
+    path_ = z_ + stride;
+    approxB_ = path_ + stride;
+    approxF_ = approxB_ + stride;
+    approxC_ = approxF_ + stride;
+    forwardDy_ = approxC_ + stride;
+}
+
+void CornerAngleList::build(const SKesp3DPosition* points, int32_t count, double jumpZ, double armLen,
+                            bool keepMinima, std::vector<CornerSegment>* segments) {
+    m_ = 0;
+    maxCount_ = minCount_ = 0;
+    if (points == nullptr || count < 1) return;
+    allocate(static_cast<size_t>(count));
 
     // Compaction (and segments): one pass over the input.
     int32_t m = 0;
@@ -85,26 +120,30 @@ void CornerAngleList::build(const SKesp3DPosition* points, int32_t count, double
         if (segments) segments->push_back(CornerSegment{first, last - first + 1, 1});
         open = false;
     };
+    double* y = y_;
+    double* z = z_;
+    double* path = path_;
+    double walked = 0.0;
     for (int32_t i = 0; i < count; ++i) {
-        const double z = points[i].z;
-        if (!isStrictlyValidZ(z)) {
+        const double zi = points[i].z;
+        if (!isStrictlyValidZ(zi)) {
             if (open) close();
             continue;
         }
-        idx_[m] = i;
-        y_[m] = points[i].y;
-        z_[m] = z;
-        if (m == 0) {
-            path_[0] = 0.0;
-        } else {
-            const double dy = y_[m] - y_[m - 1], dz = z - z_[m - 1];
-            path_[m] = path_[m - 1] + std::sqrt(dy * dy + dz * dz);
+        const double yi = points[i].y;
+        if (m > 0) {
+            const double dy = yi - y[m - 1], dz = zi - z[m - 1];
+            walked += std::sqrt(dy * dy + dz * dz);
         }
+        idx_[m] = i;
+        y[m] = yi;
+        z[m] = zi;
+        path[m] = walked;
         ++m;
         if (!open) {
             open = true;
             first = last = i;
-        } else if (std::fabs(z - points[i - 1].z) > jumpZ) {
+        } else if (std::fabs(zi - points[i - 1].z) > jumpZ) {
             close();
             open = true;
             first = last = i;
@@ -116,7 +155,15 @@ void CornerAngleList::build(const SKesp3DPosition* points, int32_t count, double
     m_ = m;
     if (m == 0) return;
 
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    for (int32_t p = 1; p <= kPad; ++p) {
+        y[-p] = z[-p] = nan;
+        y[m - 1 + p] = z[m - 1 + p] = nan;
+        path[m - 1 + p] = std::numeric_limits<double>::infinity();
+    }
+
     findNeighbours(armLen);
+    approximateAngles();
     findExtrema(keepMinima);
 }
 
@@ -125,7 +172,8 @@ void CornerAngleList::build(const SKesp3DPosition* points, int32_t count, double
 // points whose polyline distance to k is provably shorter than the arm are
 // skipped; both skip bounds only move forward as k does. The scan then starts
 // at the first point that might reach, which leaves the result that of the
-// plain scan from k's neighbour outward.
+// plain scan from k's neighbour outward. Usually the first or second point
+// tested reaches, so four are tested at once without branches.
 void CornerAngleList::findNeighbours(double armLen) {
     const int32_t m = m_;
     const double t = armThreshold(armLen);
@@ -143,53 +191,109 @@ void CornerAngleList::findNeighbours(double armLen) {
     int32_t lo = 0;  // points lo .. k-1 are provably within the arm backward
     int32_t hi = 0;  // points k+1 .. hi-1 are provably within the arm forward
     for (int32_t k = 0; k < m; ++k) {
-        const double yk = y[k], zk = z[k];
-        while (lo < k && !(path[k] - path[lo] < reach)) ++lo;
-        int32_t b = -1;
-        for (int32_t j = lo - 1; j >= 0; --j) {
+        const double yk = y[k], zk = z[k], pk = path[k];
+        auto reaches = [&](int32_t j) {
             const double dy = yk - y[j], dz = zk - z[j];
-            if (dy * dy + dz * dz >= t) {
-                b = j;
-                break;
+            return static_cast<unsigned>(dy * dy + dz * dz >= t);
+        };
+        lo += static_cast<int32_t>(lo < k && !(pk - path[lo] < reach));
+        while (lo < k && !(pk - path[lo] < reach)) ++lo;
+        int32_t b = -1;
+        if (lo > 0) {
+            const unsigned mask = reaches(lo - 1) | reaches(lo - 2) << 1 | reaches(lo - 3) << 2 | reaches(lo - 4) << 3;
+            if (mask != 0) {
+                b = lo - 1 - kLowestBit[mask];
+            } else {
+                for (int32_t j = lo - 5; j >= 0; --j) {
+                    if (reaches(j)) {
+                        b = j;
+                        break;
+                    }
+                }
             }
         }
         if (hi <= k) hi = k + 1;
-        while (hi < m && path[hi] - path[k] < reach) ++hi;
+        hi += static_cast<int32_t>(path[hi] - pk < reach);
+        while (path[hi] - pk < reach) ++hi;  // stops at the +inf padding
         int32_t f = -1;
-        if (b >= 0) {
-            for (int32_t j = hi; j < m; ++j) {
-                const double dy = yk - y[j], dz = zk - z[j];
-                if (dy * dy + dz * dz >= t) {
-                    f = j;
-                    break;
+        if (b >= 0 && hi < m) {
+            const unsigned mask = reaches(hi) | reaches(hi + 1) << 1 | reaches(hi + 2) << 2 | reaches(hi + 3) << 3;
+            if (mask != 0) {
+                f = hi + kLowestBit[mask];
+            } else {
+                for (int32_t j = hi + 4; j < m; ++j) {
+                    if (reaches(j)) {
+                        f = j;
+                        break;
+                    }
                 }
             }
         }
         if (f < 0) {
-            back_[k] = -1;
-            fwd_[k] = -1;
+            back_[k] = fwd_[k] = -1;
+            approxB_[k] = approxF_[k] = 0.0;
+            approxC_[k] = forwardDy_[k] = 1.0;
             continue;
         }
         back_[k] = b;
         fwd_[k] = f;
-        const double bA = approxChordAngle(zk - z[b], std::fabs(yk - y[b]));
-        const double fA = approxChordAngle(z[f] - zk, std::fabs(y[f] - yk));
-        approxB_[k] = bA;
-        approxF_[k] = fA;
-        approxC_[k] = bA - fA;
+        approxB_[k] = zk - z[b];
+        approxC_[k] = std::fabs(yk - y[b]);
+        approxF_[k] = z[f] - zk;
+        forwardDy_[k] = std::fabs(y[f] - yk);
+    }
+}
+
+// Turns the chord differences left by findNeighbours into approximate angles,
+// in one pass without branches.
+void CornerAngleList::approximateAngles() {
+    const int32_t m = m_;
+    double* bA = approxB_;
+    double* fA = approxF_;
+    double* cA = approxC_;
+    const double* fDy = forwardDy_;
+    int32_t k = 0;
+#if CV_SIMD128_64F
+    for (; k + 2 <= m; k += 2) {
+        const cv::v_float64x2 b = approxChordAngle2(cv::v_load(bA + k), cv::v_load(cA + k));
+        const cv::v_float64x2 f = approxChordAngle2(cv::v_load(fA + k), cv::v_load(fDy + k));
+        cv::v_store(bA + k, b);
+        cv::v_store(fA + k, f);
+        cv::v_store(cA + k, b - f);
+    }
+#endif
+    for (; k < m; ++k) {
+        const double b = approxChordAngle(bA[k], cA[k]);
+        const double f = approxChordAngle(fA[k], fDy[k]);
+        bA[k] = b;
+        fA[k] = f;
+        cA[k] = b - f;
     }
 }
 
 // The trend state machine over the points with angles. Equal corner angles
 // keep the trend, so a plateau's last point is its extremum. When the line
 // ends while rising (falling), its last point with angles is a maximum
-// (minimum).
+// (minimum). Transitions come from tables so that noisy profiles, whose trend
+// flips every few points, cost no mispredicted branches.
+namespace {
+// Indexed by trend * 3 + (sign of the change + 1).
+constexpr int8_t kNextTrend[9] = {kFalling, kUndecided, kRising, kFalling, kRising, kRising, kFalling, kFalling, kRising};
+constexpr int8_t kEndsMaximum[9] = {0, 0, 0, 1, 0, 0, 0, 0, 0};
+constexpr int8_t kEndsMinimum[9] = {0, 0, 0, 0, 0, 0, 0, 0, 1};
+}  // namespace
+
 void CornerAngleList::findExtrema(bool keepMinima) {
     const int32_t m = m_;
     // Corner angles of two points differ by less than this in the
     // approximation only when the exact comparison is needed.
     const double cmpTol = 4.0 * kAngleTol;
-    Trend trend = kUndecided;
+    const double* cA = approxC_;
+    const int8_t minimumFlag = keepMinima ? 1 : 0;
+    int32_t* maxOut = maxima_;
+    int32_t* minOut = minima_;
+    size_t nMax = 0, nMin = 0;
+    int trend = kUndecided;
     int32_t prev = -1;
     int32_t exactIdx = -1;  // the last exact corner angle computed, kept for the next step
     double exactVal = 0.0;
@@ -203,37 +307,30 @@ void CornerAngleList::findExtrema(bool keepMinima) {
     for (int32_t k = 0; k < m; ++k) {
         if (back_[k] < 0) {
             if (k == m - 1 && prev >= 0) {
-                if (trend == kRising) maxima_.push_back(prev);
-                else if (trend == kFalling && keepMinima) minima_.push_back(prev);
+                if (trend == kRising) maxOut[nMax++] = prev;
+                else if (trend == kFalling && keepMinima) minOut[nMin++] = prev;
             }
             continue;
         }
         if (prev >= 0) {
-            const double d = approxC_[k] - approxC_[prev];
-            int sign;
-            if (d > cmpTol) {
-                sign = 1;
-            } else if (d < -cmpTol) {
-                sign = -1;
-            } else {
+            const double d = cA[k] - cA[prev];
+            int sign = (d > cmpTol) - (d < -cmpTol);
+            if (sign == 0) {  // too close to call, or NaN
                 const double cp = exactCorner(prev);
                 const double ck = exactCorner(k);
-                sign = ck > cp ? 1 : (ck < cp ? -1 : 0);
+                sign = (ck > cp) - (ck < cp);
             }
-            if (trend == kUndecided) {
-                trend = sign > 0 ? kRising : (sign < 0 ? kFalling : kUndecided);
-            } else if (trend == kRising) {
-                if (sign < 0) {
-                    maxima_.push_back(prev);
-                    trend = kFalling;
-                }
-            } else if (sign > 0) {
-                if (keepMinima) minima_.push_back(prev);
-                trend = kRising;
-            }
+            const int t = trend * 3 + sign + 1;
+            maxOut[nMax] = prev;
+            nMax += static_cast<size_t>(kEndsMaximum[t]);
+            minOut[nMin] = prev;
+            nMin += static_cast<size_t>(kEndsMinimum[t] & minimumFlag);
+            trend = kNextTrend[t];
         }
         prev = k;
     }
+    maxCount_ = nMax;
+    minCount_ = nMin;
 }
 
 double CornerAngleList::exact(Angle a, int32_t k) const {
@@ -308,7 +405,7 @@ bool CornerAngleList::cornerGreater(int32_t o, int32_t q, bool absolute) const {
     return eo > eq;
 }
 
-bool CornerAngleList::outranked(const std::vector<int32_t>& cands, size_t pos, double armLen, bool absolute) const {
+bool CornerAngleList::outranked(CornerIndexList cands, size_t pos, double armLen, bool absolute) const {
     const double r2 = 4.0 * armLen * armLen;
     const int32_t q = cands[pos];
     const double yq = y_[q];

@@ -37,7 +37,7 @@ int32_t cornerType(const CornerAngleList& list, int32_t q, const SHX_cornerParam
 
 void appendCorners(const SKesp3DPosition* points, const CornerAngleList& list, int32_t lineIdx,
                    const SHX_cornerParam& param, std::vector<SHX_basicFeature1D>& out) {
-    const std::vector<int32_t>& cands = list.maxima();
+    const pa_detail::CornerIndexList cands = list.maxima();
     for (size_t pos = 0; pos < cands.size(); ++pos) {
         const int32_t q = cands[pos];
         if (list.less(CornerAngleList::Angle::Corner, q, param.minCornerAngle, false)) continue;

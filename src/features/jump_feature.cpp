@@ -26,7 +26,7 @@ struct TypedCorner {
 // Appends the extrema that pass the angle limit, survive suppression and have
 // one flat and one steep arm. Convex corners are judged on the corner angle,
 // concave ones on its magnitude.
-void typeCorners(const CornerAngleList& list, const std::vector<int32_t>& cands, bool concave,
+void typeCorners(const CornerAngleList& list, pa_detail::CornerIndexList cands, bool concave,
                  const SHX_cornerParam& param, std::vector<TypedCorner>& out) {
     using A = CornerAngleList::Angle;
     for (size_t pos = 0; pos < cands.size(); ++pos) {
