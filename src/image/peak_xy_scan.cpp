@@ -26,6 +26,23 @@ constexpr int kLookAheadPoints = 5;
 // Largest change of seed distance between two successive edge points of a walk.
 constexpr double kMaxSeedDistJump = 100.0;
 
+// Walks along a line read it in order and run one at a time; walks across the
+// lines run this many rows side by side, so that each line is touched once per
+// block of rows rather than once per row.
+constexpr int kLinesPerBlock = 1;
+constexpr int kRowsPerBlock = 16;
+constexpr int32_t kPrefetchLines = 4;
+
+// A hint to fetch memory that the walks will read soon; no effect where the
+// compiler offers none.
+inline void prefetch(const void* p) {
+#if defined(__GNUC__) || defined(__clang__)
+    __builtin_prefetch(p);
+#else
+    (void)p;
+#endif
+}
+
 inline int32_t alongLineType(const SKesp3DPosition& p) { return static_cast<int32_t>(p.nPointIdx & kTypeMask); }
 inline int32_t crossLineType(const SKesp3DPosition& p) {
     return static_cast<int32_t>((p.nPointIdx >> kCrossTypeShift) & kTypeMask);
@@ -76,6 +93,8 @@ struct AlongLine {
     static int32_t ownType(const SKesp3DPosition& p) { return alongLineType(p); }
     static int32_t otherType(const SKesp3DPosition& p) { return crossLineType(p); }
     int32_t contourIdx(int32_t k) const { return ctx.flag(k, line, 0); }
+    // A line is read in order: the hardware prefetcher follows it.
+    void prefetchAhead(int32_t, int32_t) const {}
     double seedDist(const SKesp3DPosition& p) const { return std::fabs(ctx.seedY - p.y); }
     // Any pair of edge types 1/2 counts as a jump along a line.
     static bool isJumpPair(int32_t prevType, int32_t t) {
@@ -101,6 +120,12 @@ struct AcrossLines {
     static int32_t ownType(const SKesp3DPosition& p) { return crossLineType(p); }
     static int32_t otherType(const SKesp3DPosition& p) { return alongLineType(p); }
     int32_t contourIdx(int32_t j) const { return ctx.flag(row, j, 0); }
+    // Rows of a block lie side by side in each line: fetching them some lines
+    // ahead hides the jump from one line's array to the next.
+    void prefetchAhead(int32_t j, int32_t step) const {
+        const int32_t ahead = j + kPrefetchLines * step;
+        if (ahead >= 0 && ahead < ctx.lineNum) prefetch(&ctx.point(ahead, row));
+    }
     double seedDist(const SKesp3DPosition& p) const { return std::fabs(ctx.seedX - p.x); }
     // Across the lines only two successive type-1 points count as a jump: a
     // narrower test than along a line, on purpose.
@@ -125,64 +150,109 @@ bool typeAhead(const Axis& ax, int32_t k, int32_t step) {
     return false;
 }
 
-// One walk from the seed index toward lower (step -1) or higher (step +1)
-// indices. Appends the contour points met to `out`; returns false when the walk
-// raises the abort flag.
-template <class Axis>
-bool walk(const Axis& ax, int32_t step, bool useMarkBits, double limit, std::vector<SHX_contourPtInfo>& out) {
-    const bool towardLower = step < 0;
-    const int32_t last = ax.count() - 1;
-    const int32_t seedIdx = ax.seedIndex();
-    const int32_t marker = towardLower ? Axis::kLowerMarker : Axis::kHigherMarker;
-    // The previous record matters only through its type and seed distance;
-    // a skipped point clears it.
+// What a walk remembers between two visited points: the previous record's
+// type and seed distance (a skipped point clears them).
+struct WalkState {
     int32_t prevType = 0;
     double prevDist = 0.0;
-    for (int32_t k = seedIdx; k >= 0 && k <= last; k += step) {
-        const SKesp3DPosition& p = ax.at(k);
-        int32_t t = Axis::ownType(p);
-        const bool marked = useMarkBits && hasMarkBits(p);
-        if (t == 0 && !marked && k != 0 && k != last) {
-            if (const int32_t other = Axis::otherType(p); (other == 1 || other == 2) && !typeAhead(ax, k, step)) {
-                return false;
-            }
-            prevType = 0;
-            prevDist = 0.0;
-            continue;
+};
+
+enum class Step { Continue, Done, Abort };
+
+// Visits index k of a walk toward lower (step -1) or higher (step +1)
+// indices: appends the contour point found there to `out` and says whether the
+// walk goes on, ends, or raises the abort flag.
+template <class Axis>
+Step stepWalk(const Axis& ax, int32_t k, int32_t step, bool useMarkBits, double limit, WalkState& st,
+              std::vector<SHX_contourPtInfo>& out) {
+    const bool towardLower = step < 0;
+    const int32_t last = ax.count() - 1;
+    const SKesp3DPosition& p = ax.at(k);
+    int32_t t = Axis::ownType(p);
+    const bool marked = useMarkBits && hasMarkBits(p);
+    if (t == 0 && !marked && k != 0 && k != last) {
+        if (const int32_t other = Axis::otherType(p); (other == 1 || other == 2) && !typeAhead(ax, k, step)) {
+            return Step::Abort;
         }
-        int32_t c = ax.contourIdx(k);
-        int32_t flag = 0;
-        if (t == 0 && marked) {
-            t = kMarkedType;
-            c = marker;
-        } else {
-            flag = edgeFlag(t, towardLower);
-        }
-        const double d = ax.seedDist(p);
-        if (d > limit) return true;
-        const bool endsHere = typeEndsWalk(t) || c == Axis::kLowerMarker || c == Axis::kHigherMarker;
-        if (t != 0 && c > 0) {
-            // A contour point right beside the seed belongs to the seed's own
-            // edge: the walk stops without it.
-            const bool besideSeed = towardLower ? k >= seedIdx - 1 : k <= seedIdx + 1;
-            if (besideSeed) return true;
-            if (Axis::isJumpPair(prevType, t) && std::fabs(prevDist - d) > kMaxSeedDistJump) return false;
-            SHX_contourPtInfo r;
-            ax.fill(r, k);
-            r.ptType = t;
-            r.contourIdx = c;
-            r.ptFlag = flag;
-            r.seedDist = d;
-            r.x = p.x;
-            r.y = p.y;
-            r.z = p.z;
-            out.push_back(r);
-        }
-        if (endsHere) return true;
-        prevType = t;
-        prevDist = d;
+        st = WalkState{};
+        return Step::Continue;
     }
-    return true;
+    int32_t c = ax.contourIdx(k);
+    int32_t flag = 0;
+    if (t == 0 && marked) {
+        t = kMarkedType;
+        c = towardLower ? Axis::kLowerMarker : Axis::kHigherMarker;
+    } else {
+        flag = edgeFlag(t, towardLower);
+    }
+    const double d = ax.seedDist(p);
+    if (d > limit) return Step::Done;
+    const bool endsHere = typeEndsWalk(t) || c == Axis::kLowerMarker || c == Axis::kHigherMarker;
+    if (t != 0 && c > 0) {
+        // A contour point at or right beside the seed belongs to the seed's
+        // own edge: the walk stops without it.
+        const int32_t seedIdx = ax.seedIndex();
+        const bool besideSeed = towardLower ? k >= seedIdx - 1 : k <= seedIdx + 1;
+        if (besideSeed) return Step::Done;
+        if (Axis::isJumpPair(st.prevType, t) && std::fabs(st.prevDist - d) > kMaxSeedDistJump) return Step::Abort;
+        SHX_contourPtInfo r;
+        ax.fill(r, k);
+        r.ptType = t;
+        r.contourIdx = c;
+        r.ptFlag = flag;
+        r.seedDist = d;
+        r.x = p.x;
+        r.y = p.y;
+        r.z = p.z;
+        out.push_back(r);
+    }
+    if (endsHere) return Step::Done;
+    st.prevType = t;
+    st.prevDist = d;
+    return Step::Continue;
+}
+
+// One walk with its records.
+struct WalkSlot {
+    WalkState state;
+    Step status = Step::Continue;
+    std::vector<SHX_contourPtInfo> recs;
+};
+
+// Runs the walks of n sweep indices in one direction side by side, one visited
+// index at a time for all of them. The walks are independent, so this gives
+// what n walks one after the other give; across the lines it reads the n
+// points of a line together instead of one point of every line per walk.
+template <class MakeAxis>
+void runWalks(MakeAxis makeAxis, const int32_t* idx, int n, int32_t step, bool useMarkBits, double limit,
+              WalkSlot* slots) {
+    if (n == 0) return;
+    for (int r = 0; r < n; ++r) {
+        slots[r].state = WalkState{};
+        slots[r].status = Step::Continue;
+        slots[r].recs.clear();
+    }
+    const auto first = makeAxis(idx[0]);
+    const int32_t last = first.count() - 1;
+    if (n == 1) {  // a single walk: the plain loop
+        WalkSlot& s = slots[0];
+        for (int32_t k = first.seedIndex(); k >= 0 && k <= last; k += step) {
+            s.status = stepWalk(first, k, step, useMarkBits, limit, s.state, s.recs);
+            if (s.status != Step::Continue) return;
+        }
+        return;
+    }
+    int active = n;
+    for (int32_t k = first.seedIndex(); active > 0 && k >= 0 && k <= last; k += step) {
+        for (int r = 0; r < n; ++r) {
+            WalkSlot& s = slots[r];
+            if (s.status != Step::Continue) continue;
+            const auto ax = makeAxis(idx[r]);
+            ax.prefetchAhead(k, step);
+            s.status = stepWalk(ax, k, step, useMarkBits, limit, s.state, s.recs);
+            if (s.status != Step::Continue) --active;
+        }
+    }
 }
 
 int32_t maxContourIdx(const std::vector<SHX_contourPtInfo>& pts, int32_t current) {
@@ -218,28 +288,40 @@ struct SweepOutput {
 };
 
 // One sweep: the backward part from the seed index down to 0, then the forward
-// part from the seed index + 1 up. `makeAxis(idx)` builds the walk of index idx;
-// `coordOf(idx)` gives the coordinate compared with the seed's for the window.
+// part from the seed index + 1 up. `makeAxis(idx)` builds the walk of index
+// idx; `coordOf(idx)` gives the coordinate compared with the seed's for the
+// window. Indices are taken blockSize at a time (their walks run side by
+// side); the results are then added index by index, and an abort ends the part
+// there, so the indices after it in the block are dropped unseen.
 template <class MakeAxis, class CoordOf>
-void sweep(int32_t seedIdx, int32_t count, double seedCoord, const ScanContext& ctx, MakeAxis makeAxis,
-           CoordOf coordOf, SweepOutput& out) {
-    std::vector<SHX_contourPtInfo> a, b;
-    auto visit = [&](int32_t idx, bool backward) {
-        if (std::fabs(coordOf(idx) - seedCoord) > ctx.limit) return false;
-        a.clear();
-        b.clear();
-        const auto ax = makeAxis(idx);
-        if (!walk(ax, -1, ctx.useMarkBits, ctx.limit, a)) return false;
-        if (!walk(ax, +1, ctx.useMarkBits, ctx.limit, b)) return false;
-        out.add(backward, idx, a, b);
-        return true;
-    };
-    for (int32_t idx = seedIdx; idx >= 0; --idx) {
-        if (!visit(idx, true)) break;
-    }
-    out.finishBackward();
-    for (int32_t idx = seedIdx + 1; idx < count; ++idx) {
-        if (!visit(idx, false)) break;
+void sweep(int32_t seedIdx, int32_t count, double seedCoord, int blockSize, const ScanContext& ctx,
+           MakeAxis makeAxis, CoordOf coordOf, SweepOutput& out) {
+    std::vector<WalkSlot> down(static_cast<size_t>(blockSize)), up(static_cast<size_t>(blockSize));
+    std::vector<int32_t> idx(static_cast<size_t>(blockSize));
+    for (const bool backward : {true, false}) {
+        const int32_t step = backward ? -1 : 1;
+        int32_t i = backward ? seedIdx : seedIdx + 1;
+        bool partEnds = false;
+        while (!partEnds && i >= 0 && i < count) {
+            int n = 0;
+            for (; n < blockSize && i >= 0 && i < count; ++n, i += step) {
+                if (std::fabs(coordOf(i) - seedCoord) > ctx.limit) {
+                    partEnds = true;
+                    break;
+                }
+                idx[static_cast<size_t>(n)] = i;
+            }
+            runWalks(makeAxis, idx.data(), n, -1, ctx.useMarkBits, ctx.limit, down.data());
+            runWalks(makeAxis, idx.data(), n, +1, ctx.useMarkBits, ctx.limit, up.data());
+            for (int r = 0; r < n; ++r) {
+                if (down[r].status == Step::Abort || up[r].status == Step::Abort) {
+                    partEnds = true;
+                    break;
+                }
+                out.add(backward, idx[static_cast<size_t>(r)], down[r].recs, up[r].recs);
+            }
+        }
+        if (backward) out.finishBackward();
     }
 }
 
@@ -294,7 +376,7 @@ PA_API void hx_peakXYScan(const SKesp3DLaserLine* lines, int32_t lineNum, const 
     lineUpMax = 0;
     SweepOutput xOut{lineContoursDown, lineContoursUp, lineDownMax, lineUpMax, {}, {}};
     sweep(
-        seed.x, ctx.lineNum, ctx.seedX, ctx, [&ctx](int32_t i) { return AlongLine{ctx, i}; },
+        seed.x, ctx.lineNum, ctx.seedX, kLinesPerBlock, ctx, [&ctx](int32_t i) { return AlongLine{ctx, i}; },
         [&ctx, &seed](int32_t i) { return ctx.point(i, seed.y).x; }, xOut);
 
     // Y sweep: one walk across the lines at each point index, the window tested
@@ -303,6 +385,6 @@ PA_API void hx_peakXYScan(const SKesp3DLaserLine* lines, int32_t lineNum, const 
     rowUpMax = 0;
     SweepOutput yOut{rowContoursDown, rowContoursUp, rowDownMax, rowUpMax, {}, {}};
     sweep(
-        seed.y, ctx.pointNum, ctx.seedY, ctx, [&ctx](int32_t p) { return AcrossLines{ctx, p}; },
+        seed.y, ctx.pointNum, ctx.seedY, kRowsPerBlock, ctx, [&ctx](int32_t p) { return AcrossLines{ctx, p}; },
         [&ctx, &seed](int32_t p) { return ctx.point(seed.x, p).y; }, yOut);
 }
