@@ -3,6 +3,7 @@
 #define PROFILE_ANALYSIS_INTERNAL_H
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "profile_analysis.h"
@@ -110,51 +111,134 @@ struct ExtremumCandidate {
     double v;
 };
 
-/// Candidate scan over points[0..count): valid points (z >= 0.0001) are
-/// compared with the previous valid point (gaps are bridged); a change from
-/// rising to falling makes the previous point a peak candidate, from falling
-/// to rising a valley candidate. Equal values never change a decided trend, so
-/// a plateau yields its last point. The first valid point is never a
-/// candidate, and the last valid point becomes one only when the array ends in
-/// an invalid point. valueAt(i) gives the value compared at a valid point i;
-/// onPoint(i) is called first for every point, valid or not.
+/// Working storage of the candidate scan for a line of `count` points: the
+/// peak and the valley candidates, each in line order, in one uninitialised
+/// allocation. Peaks and valleys alternate and every candidate is a distinct
+/// valid point other than the first, so neither kind exceeds count / 2.
+class ExtremumCandidates {
+public:
+    explicit ExtremumCandidates(int32_t count)
+        : capacity_(static_cast<size_t>(count) / 2 + 2), storage_(new ExtremumCandidate[2 * capacity_]) {}
+    ExtremumCandidate* peaks() { return storage_.get(); }
+    ExtremumCandidate* valleys() { return storage_.get() + capacity_; }
+    const ExtremumCandidate* peaks() const { return storage_.get(); }
+    const ExtremumCandidate* valleys() const { return storage_.get() + capacity_; }
+    size_t peakCount = 0;
+    size_t valleyCount = 0;
+
+private:
+    size_t capacity_;
+    std::unique_ptr<ExtremumCandidate[]> storage_;
+};
+
+/// Candidate scan along a line: the valid points (z >= 0.0001) are fed in
+/// line order with the value compared (z for local peaks, the height above the
+/// base line for flat-line peaks); invalid points are simply not fed, so gaps
+/// are bridged. Each point is compared with the previous one fed: a change
+/// from rising to falling makes the previous point a peak candidate, from
+/// falling to rising a valley candidate. Equal values (and NaN differences)
+/// never change the trend, so a plateau yields its last point, and the first
+/// point is never a candidate. finish() adds the last point as an end
+/// candidate when asked to (the line ends in invalid points).
+///
+/// Feeding goes in three phases, each a loop of its own in the caller: start()
+/// with the first point, decide() until the first rise or fall (it returns
+/// true once the trend is decided), then feed(). Once decided, the trend
+/// changes only where a candidate is emitted, so it is kept as a factor of +1
+/// (rising) or -1 (falling) and one product per point tells a step against it
+/// (d * trend < 0, never true for a level step or a NaN difference): only the
+/// rare candidates take a branch.
+class ExtremumScanner {
+public:
+    ExtremumScanner(const SKesp3DPosition* points, ExtremumCandidates& out)
+        : points_(points), peaks_(out.peaks()), valleys_(out.valleys()), out_(out) {}
+
+    void start(int32_t i, double v) {
+        prev_ = i;
+        prevV_ = v;
+    }
+
+    bool decide(int32_t i, double v) {
+        const double d = v - prevV_;
+        prev_ = i;
+        prevV_ = v;
+        if (d > 0) trend_ = 1.0;
+        else if (d < 0) trend_ = -1.0;
+        return trend_ != 0.0;
+    }
+
+    void feed(int32_t i, double v) {
+        if ((v - prevV_) * trend_ < 0) {
+            emit();
+            trend_ = -trend_;
+        }
+        prev_ = i;
+        prevV_ = v;
+    }
+
+    /// Stores the counts in the output; with endCandidate the last point fed
+    /// becomes a candidate of the current trend (none while undecided).
+    void finish(bool endCandidate) {
+        if (endCandidate && trend_ != 0.0) emit();
+        out_.peakCount = np_;
+        out_.valleyCount = nv_;
+    }
+
+private:
+    void emit() {
+        const ExtremumCandidate c{prev_, points_[prev_].y, prevV_};
+        if (trend_ > 0) peaks_[np_++] = c;
+        else valleys_[nv_++] = c;
+    }
+
+    const SKesp3DPosition* points_;
+    ExtremumCandidate* peaks_;
+    ExtremumCandidate* valleys_;
+    ExtremumCandidates& out_;
+    size_t np_ = 0, nv_ = 0;
+    int32_t prev_ = 0;
+    double prevV_ = 0.0;
+    double trend_ = 0.0;
+};
+
+/// Runs an ExtremumScanner over points[0..count) in its three phases.
+/// valueAt(i) gives the value compared at a valid point i; onPoint(i) is
+/// called for every point, valid or not, in the same pass (it is called inside
+/// both branches of the validity test so that the compiler keeps it in the
+/// scanning loop instead of splitting it into a second pass over memory).
 template <class ValueAt, class OnPoint>
 inline void scanExtremumCandidates(const SKesp3DPosition* points, int32_t count, ValueAt valueAt, OnPoint onPoint,
-                                   std::vector<ExtremumCandidate>& peakCands,
-                                   std::vector<ExtremumCandidate>& valleyCands) {
-    enum Trend { kUndecided, kFalling, kRising };
-    Trend trend = kUndecided;
-    bool havePrev = false;
-    ExtremumCandidate prev{0, 0.0, 0.0};
-    for (int32_t i = 0; i < count; ++i) {
+                                   ExtremumCandidates& out) {
+    ExtremumScanner scanner(points, out);
+    int32_t i = 0;
+    for (; i < count; ++i) {
         onPoint(i);
-        const SKesp3DPosition& p = points[i];
-        if (!isValidZ(p.z)) {
-            if (i == count - 1) {
-                if (trend == kFalling) valleyCands.push_back(prev);
-                else if (trend == kRising) peakCands.push_back(prev);
-            }
-            continue;
+        if (isValidZ(points[i].z)) {
+            scanner.start(i, valueAt(i));
+            ++i;
+            break;
         }
-        const ExtremumCandidate cur{i, p.y, valueAt(i)};
-        if (havePrev) {
-            const double d = cur.v - prev.v;
-            if (trend == kUndecided) {
-                if (d > 0) trend = kRising;
-                else if (d < 0) trend = kFalling;
-            } else if (trend == kFalling) {
-                if (d > 0) {
-                    valleyCands.push_back(prev);
-                    trend = kRising;
-                }
-            } else if (d < 0) {
-                peakCands.push_back(prev);
-                trend = kFalling;
-            }
-        }
-        prev = cur;
-        havePrev = true;
     }
+    for (; i < count; ++i) {
+        if (isValidZ(points[i].z)) {
+            onPoint(i);
+            if (scanner.decide(i, valueAt(i))) {
+                ++i;
+                break;
+            }
+        } else {
+            onPoint(i);
+        }
+    }
+    for (; i < count; ++i) {
+        if (isValidZ(points[i].z)) {
+            onPoint(i);
+            scanner.feed(i, valueAt(i));
+        } else {
+            onPoint(i);
+        }
+    }
+    scanner.finish(count > 0 && !isValidZ(points[count - 1].z));
 }
 
 /// Neighbourhood suppression along y: candidate k survives unless some
@@ -163,11 +247,8 @@ inline void scanExtremumCandidates(const SKesp3DPosition* points, int32_t count,
 /// the first candidate out of range, even if a later one is in range again.
 /// emit(candidate) is called for the survivors, in candidate order.
 template <class Rejects, class Emit>
-inline void suppressCandidates(const std::vector<ExtremumCandidate>& cands, double rangeY, Rejects rejects,
-                               Emit emit) {
+inline void suppressCandidates(const ExtremumCandidate* c, size_t m, double rangeY, Rejects rejects, Emit emit) {
     const double r2 = rangeY * rangeY;
-    const ExtremumCandidate* c = cands.data();
-    const size_t m = cands.size();
     for (size_t k = 0; k < m; ++k) {
         const double yk = c[k].y, vk = c[k].v;
         bool rejected = false;

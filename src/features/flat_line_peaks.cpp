@@ -69,11 +69,11 @@ PA_API void hx_getFlatLineLocalPeaks_vector(const std::vector<SKesp3DPosition>& 
     };
     if (!fitBaseLine(pts, n, isFlat, kMinPointsRefit, base)) return;
 
-    std::vector<ExtremumCandidate> peakCands, valleyCands;
+    pa_detail::ExtremumCandidates cands(static_cast<int32_t>(n));
     pa_detail::scanExtremumCandidates(
         pts, static_cast<int32_t>(n), [pts, &base](int32_t i) { return base.residual(pts[i]); }, [](int32_t) {},
-        peakCands, valleyCands);
-    pa_detail::suppressCandidates(peakCands, peakRangeY, [](double vk, double vj) { return vj > vk; },
+        cands);
+    pa_detail::suppressCandidates(cands.peaks(), cands.peakCount, peakRangeY, [](double vk, double vj) { return vj > vk; },
                                   [&](const ExtremumCandidate& c) {
                                       if (!(c.v > minPeakHeight)) return;
                                       SHX_basicFeature1D f;

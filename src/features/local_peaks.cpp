@@ -10,6 +10,13 @@ constexpr int32_t kTypeDownJump = 1;
 constexpr int32_t kTypeValley = 13;
 constexpr int32_t kTypePeak = 14;
 
+// Writes the array index into a point, storing only when it differs: lines
+// whose points already carry their index (the usual case, and every second
+// call) then stay clean in the cache.
+inline void setPointIndex(SKesp3DPosition& p, int32_t i) {
+    if (p.nPointIdx != i) p.nPointIdx = i;
+}
+
 SHX_basicFeature1D makeFeature(int32_t type, int32_t lineIdx, const SKesp3DPosition& p) {
     SHX_basicFeature1D f;
     f.featureType = type;
@@ -19,27 +26,20 @@ SHX_basicFeature1D makeFeature(int32_t type, int32_t lineIdx, const SKesp3DPosit
     return f;
 }
 
-// At most every other valid point can be a candidate of one kind, so reserving
-// half the line (plus the possible end candidate) avoids any regrowth.
-size_t candidateCapacity(int32_t pointCount) { return static_cast<size_t>(pointCount) / 2 + 2; }
-
 void localPeaksKernel(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double peakRangeY,
                       std::vector<SHX_basicFeature1D>& peaks, std::vector<SHX_basicFeature1D>& valleys) {
-    std::vector<ExtremumCandidate> peakCands, valleyCands;
-    peakCands.reserve(candidateCapacity(pointCount));
-    valleyCands.reserve(candidateCapacity(pointCount));
-
+    pa_detail::ExtremumCandidates cands(pointCount);
     pa_detail::scanExtremumCandidates(
         points, pointCount, [points](int32_t i) { return points[i].z; },
-        [points](int32_t i) { points[i].nPointIdx = i; }, peakCands, valleyCands);
+        [points](int32_t i) { setPointIndex(points[i], i); }, cands);
 
     // The candidates' points are copied only for the survivors; their nPointIdx
     // already holds the array index.
     pa_detail::suppressCandidates(
-        valleyCands, peakRangeY, [](double vk, double vj) { return vk > vj; },
+        cands.valleys(), cands.valleyCount, peakRangeY, [](double vk, double vj) { return vk > vj; },
         [&](const ExtremumCandidate& c) { valleys.push_back(makeFeature(kTypeValley, lineIdx, points[c.idx])); });
     pa_detail::suppressCandidates(
-        peakCands, peakRangeY, [](double vk, double vj) { return vj > vk; },
+        cands.peaks(), cands.peakCount, peakRangeY, [](double vk, double vj) { return vj > vk; },
         [&](const ExtremumCandidate& c) { peaks.push_back(makeFeature(kTypePeak, lineIdx, points[c.idx])); });
 }
 
@@ -48,9 +48,8 @@ void downJumpsKernel(SKesp3DPosition* points, int32_t pointCount, int32_t lineId
     int32_t prev = -1;
     double prevZ = 0.0;
     for (int32_t i = 0; i < pointCount; ++i) {
-        SKesp3DPosition& p = points[i];
-        p.nPointIdx = i;
-        const double z = p.z;
+        setPointIndex(points[i], i);
+        const double z = points[i].z;
         if (!isValidZ(z)) continue;
         // The record is the near side of the jump: the last valid point before it.
         if (prev >= 0 && z - prevZ > jumpThreshold) jumps.push_back(makeFeature(kTypeDownJump, lineIdx, points[prev]));
