@@ -1,5 +1,5 @@
-// Plane calibration: hand-worked histograms, a plain step-by-step reference on
-// random scans, and synthetic tilted floors with known tilt.
+// Plane calibration: hand-worked histograms, failures and bad input, the
+// region variant, and a plain step-by-step reference on random scans.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -307,6 +307,10 @@ TEST(PlaneCalib, UnmeasuredPointsNeverEnter) {
     scan[0].push_back(pt(-1e4, 1e4, 0.0000999));
     scan.insert(scan.begin(), std::vector<SKesp3DPosition>{pt(500, 500, 0.0)});
     EXPECT_TRUE(sameBits(calibrate(scan), clean));
+    // A height of exactly 0.0001 is a measurement: it becomes the lowest bin.
+    scan[0].push_back(pt(500, 500, 0.0001));
+    EXPECT_FALSE(sameBits(calibrate(scan), clean));
+    EXPECT_TRUE(sameBits(calibrate(scan), refCalibrate(scan)));
 }
 
 TEST(PlaneCalib, SingularBandGivesIdentityAndLowestHeight) {
