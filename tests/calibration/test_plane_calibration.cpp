@@ -375,6 +375,22 @@ TEST(PlaneCalib, MatchesPlainReferenceAndBothFormsAgree) {
     EXPECT_GT(failed, 100);
 }
 
+TEST(PlaneCalib, MatchesPlainReferenceOnTallHistograms) {
+    // A far point stretches the histogram past 65,536 bins, where the counting
+    // switches from several interleaved counter copies to one.
+    testutil::Rng rng(77);
+    int levelled = 0;
+    for (int trial = 0; trial < 20; ++trial) {
+        Scan scan = randomScan(rng);
+        scan.push_back({pt(1, 1, 50.0 + rng.uniform(60000.0, 80000.0))});
+        const auto want = refCalibrate(scan);
+        ASSERT_TRUE(sameBits(calibrate(scan), want)) << "trial " << trial;
+        ASSERT_TRUE(sameBits(hx_getPlaneCalibPara2(scan), want)) << "trial " << trial;
+        levelled += want.planeHeight != -1.0;
+    }
+    EXPECT_GT(levelled, 10);
+}
+
 // ---------------------------------------------------------------------------
 // Out of contract
 // ---------------------------------------------------------------------------
