@@ -393,10 +393,16 @@ PA_API void eulerToRotationMatrixZYX(const SHX_EulerAngles& e, double R[3][3]);
 /// lower than half that peak (from the lower edge of each valley bin; to the
 /// scan's lowest or highest z where there is none). The band's points, in
 /// single precision, are fitted with z = a x + b y + e by least squares.
+/// The lowest bin is never a peak: when the reference surface is the lowest
+/// thing in the scan, its heights should span six units or more (a tilted
+/// surface does) for its counts to rise to a peak; otherwise name the surface
+/// with hx_getPlaneCalibPara_ROIs. Working memory: two 32-bit counters per
+/// unit of height span; the scan is read four times.
 /// @param[in] lines    array of lineNum scan lines (read only); lines with
 ///                     nPositionCnt < 1 are skipped; points with z < 0.0001
 ///                     are ignored
-/// @param[in] lineNum  number of lines; 0 or negative gives the failure record
+/// @param[in] lineNum  number of lines; 0 or negative (or null lines) gives
+///                     the failure record
 /// @return planeCalib: the shortest rotation that turns the fitted plane's
 ///         normal (a, b, -1) to (0, 0, -1); apply it with lineDataRT.
 ///         invRMatrix: the inverse rotation. planeHeight: the lowest levelled
@@ -410,7 +416,7 @@ PA_API void eulerToRotationMatrixZYX(const SHX_EulerAngles& e, double R[3][3]);
 ///         Out of contract: NaN or infinite heights are not points for
 ///         calibration and are ignored; valid heights spanning 1e8 units or
 ///         more give the failure record (the histogram would need 1e8 bins);
-///         NaN or infinite x or y in the band make the result NaN.
+///         NaN or infinite x or y of a band point give NaN matrices.
 PA_API SHX_planeCalibPara hx_getPlaneCalibPara(const SKesp3DLaserLine* lines, int32_t lineNum);
 
 /// hx_getPlaneCalibPara on a scan held as one vector of points per line.
@@ -432,8 +438,8 @@ PA_API SHX_planeCalibPara hx_getPlaneCalibPara2(const std::vector<std::vector<SK
 ///         line, nothing inside) or a singular fit, both matrices are the
 ///         identity and planeHeight is 0.0 (empty) or the lowest point's z.
 ///         Out of contract: NaN or infinite heights are ignored; NaN x or y
-///         lie in no region; infinite x or y inside a region make the
-///         result NaN.
+///         lie in no region; infinite x or y inside a region give NaN
+///         matrices.
 PA_API SHX_planeCalibPara hx_getPlaneCalibPara_ROIs(const SKesp3DLaserLine* lines, int32_t lineNum,
                                                     const std::vector<SKesp3DRangeD>& rois);
 

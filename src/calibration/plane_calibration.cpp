@@ -4,11 +4,24 @@
 #include <algorithm>
 #include <cfloat>
 #include <cstdint>
+#include <limits>
 #include <vector>
+
+#include <opencv2/core/hal/intrin.hpp>
 
 #include "internal.h"
 
 using pa_detail::isValidZ;
+
+// The streaming passes are kept out of line: inlined into their caller, GCC
+// left their running values in memory across the loop.
+#if defined(__GNUC__)
+#define PA_PASS __attribute__((noinline))
+#elif defined(_MSC_VER)
+#define PA_PASS __declspec(noinline)
+#else
+#define PA_PASS
+#endif
 
 namespace {
 
@@ -16,6 +29,9 @@ namespace {
 /// heights spanning 1e8 units or more make the calibration fail instead of
 /// allocating gigabytes.
 constexpr double kMaxHistogramBins = 1e8;
+/// Interleaved counter copies for histograms of up to kMaxLanedBins bins.
+constexpr int kHistogramLanes = 4;
+constexpr size_t kMaxLanedBins = 1 << 16;
 /// Half width of the box that smooths the histogram (11 bins in all).
 constexpr int32_t kSmoothRadius = 5;
 /// The reference peak must hold more than total / kPeakShareDivisor points.
@@ -49,40 +65,52 @@ SHX_planeCalibPara failedCalibration() {
     return r;
 }
 
-/// Lowest and highest calibration height of the scan; empty ({0, -1}) when
-/// no point is valid.
-SKespRangeD heightRange(const ScanView& scan) {
-    bool any = false;
-    double lo = 0.0, hi = -1.0;
+/// Lowest and highest calibration height of the scan; empty (min > max) when
+/// no point is valid. Every calibration height is finite, so starting from
+/// +inf / -inf gives exactly the range grown point by point.
+PA_PASS SKespRangeD heightRange(const ScanView& scan) {
+    constexpr double kInf = std::numeric_limits<double>::infinity();
+    double lo = kInf, hi = -kInf;
     for (const LineSpan& line : scan) {
         const SKesp3DPosition* p = line.pts;
+        double l = lo, h = hi;
         for (int64_t i = 0; i < line.count; ++i) {
             const double z = p[i].z;
-            if (!isCalibrationZ(z)) continue;
-            if (!any) {
-                lo = hi = z;
-                any = true;
-                continue;
-            }
-            lo = std::min(lo, z);
-            hi = std::max(hi, z);
+            const bool ok = isCalibrationZ(z);
+            const double zl = ok ? z : kInf, zh = ok ? z : -kInf;
+            l = zl < l ? zl : l;
+            h = zh > h ? zh : h;
         }
+        lo = l;
+        hi = h;
     }
     return SKespRangeD{lo, hi};
 }
 
-/// Counts the calibration points per unit of height above zMin; returns the total.
-int64_t fillHistogram(const ScanView& scan, double zMin, std::vector<int32_t>& hist) {
-    int32_t* h = hist.data();
+/// Counts the calibration points per unit of height above zMin; returns the
+/// total. Neighbouring points of a surface mostly fall into the same bin, and
+/// a single counter array would make each increment wait for the previous
+/// one; small histograms are therefore counted in kHistogramLanes interleaved
+/// copies that are added up at the end.
+PA_PASS int64_t fillHistogram(const ScanView& scan, double zMin, std::vector<int32_t>& hist) {
+    const size_t n = hist.size();
+    const int lanes = n <= kMaxLanedBins ? kHistogramLanes : 1;
+    std::vector<int32_t> laned(lanes > 1 ? n * lanes : 0, 0);
+    int32_t* h = lanes > 1 ? laned.data() : hist.data();
+    const int64_t stride = lanes > 1 ? static_cast<int64_t>(n) : 0;
     int64_t total = 0;
     for (const LineSpan& line : scan) {
         const SKesp3DPosition* p = line.pts;
         for (int64_t i = 0; i < line.count; ++i) {
             const double z = p[i].z;
             if (!isCalibrationZ(z)) continue;
-            ++h[static_cast<int32_t>(z - zMin)];
+            ++h[(i & (kHistogramLanes - 1)) * stride + static_cast<int32_t>(z - zMin)];
             ++total;
         }
+    }
+    if (lanes > 1) {
+        for (int k = 0; k < lanes; ++k)
+            for (size_t b = 0; b < n; ++b) hist[b] += laned[k * n + b];
     }
     return total;
 }
@@ -170,51 +198,121 @@ void bandLimits(const std::vector<HistogramEntry>& valleys, int32_t peakBin, int
     }
 }
 
-/// Gathers, in scan order, the calibration points with zLow <= z <= zHigh in
-/// single precision.
-void collectBand(const ScanView& scan, double zLow, double zHigh, std::vector<cv::Point3f>& band) {
+/// Calls fn(point) for every calibration point with zLow <= z <= zHigh, in
+/// scan order, the point converted to single precision. The band lies within
+/// the scan's range of calibration heights, so the band test alone also
+/// rejects unmeasured and non-finite heights.
+template <typename Fn>
+void forEachBandPoint(const ScanView& scan, double zLow, double zHigh, Fn&& fn) {
     for (const LineSpan& line : scan) {
         const SKesp3DPosition* p = line.pts;
         for (int64_t i = 0; i < line.count; ++i) {
             const double z = p[i].z;
-            if (!isCalibrationZ(z) || z < zLow || z > zHigh) continue;
-            band.emplace_back(static_cast<float>(p[i].x), static_cast<float>(p[i].y), static_cast<float>(z));
+            if (!(z >= zLow && z <= zHigh)) continue;
+            fn(cv::Point3f(static_cast<float>(p[i].x), static_cast<float>(p[i].y), static_cast<float>(z)));
         }
     }
 }
 
-/// Levels the plane fitted to `pts`: the rotation that turns its normal to
-/// (0, 0, -1), the inverse rotation, and the lowest levelled height of the
-/// points, each rounded to single precision (0.0 when there is no point).
-/// The fit reads the stored single-precision points rather than summing them
-/// while they are gathered: GCC 12 at -O3 was seen to vectorise such a fused
-/// loop with the unrounded doubles, which changes the sums in the last bits.
-SHX_planeCalibPara levelFittedPlane(const std::vector<cv::Point3f>& pts) {
-    const cv::Vec4d plane = pa_detail::planeFitting(pts);
+/// Least-squares sums of a stream of points, added in arrival order. The
+/// points pass through a small buffer and are summed from there: GCC 12 at
+/// -O3 was seen to vectorise a loop that converts to float and sums at once
+/// with the unrounded doubles, which changes the sums in their last bits.
+class StreamingPlaneSums {
+public:
+    void add(const cv::Point3f& p) {
+        buffer_[size_++] = p;
+        if (size_ == kBufferSize) flush();
+    }
+    const pa_detail::PlaneSums& sums() {
+        flush();
+        return sums_;
+    }
+
+private:
+    // Small, so that summing one batch overlaps with reading the next.
+    static constexpr int kBufferSize = 64;
+    void flush() {
+#if CV_SIMD128_64F
+        // The eight sums in four pairs, each lane adding exactly the terms of
+        // the scalar sum in the same order (products with 1.0 are exact), so
+        // the result is bit for bit that of PlaneSums::add, in half the adds.
+        using cv::v_float64x2;
+        v_float64x2 a0(sums_.sxx, sums_.sxy), a1(sums_.syy, sums_.sx);
+        v_float64x2 a2(sums_.sy, sums_.sxz), a3(sums_.syz, sums_.sz);
+        for (int k = 0; k < size_; ++k) {
+            const double x = buffer_[k].x, y = buffer_[k].y, z = buffer_[k].z;
+            const v_float64x2 yx(y, x), y1(y, 1.0);
+            a0 = a0 + v_float64x2(x, x) * v_float64x2(x, y);  // x^2, xy
+            a1 = a1 + yx * y1;                                 // y^2, x
+            a2 = a2 + yx * v_float64x2(1.0, z);                // y, xz
+            a3 = a3 + y1 * v_float64x2(z, z);                  // yz, z
+        }
+        sums_.sxx = a0.get0();
+        sums_.sxy = cv::v_extract_n<1>(a0);
+        sums_.syy = a1.get0();
+        sums_.sx = cv::v_extract_n<1>(a1);
+        sums_.sy = a2.get0();
+        sums_.sxz = cv::v_extract_n<1>(a2);
+        sums_.syz = a3.get0();
+        sums_.sz = cv::v_extract_n<1>(a3);
+        sums_.m += size_;
+#else
+        for (int k = 0; k < size_; ++k) sums_.add(buffer_[k]);
+#endif
+        size_ = 0;
+    }
+    pa_detail::PlaneSums sums_;
+    cv::Point3f buffer_[kBufferSize];
+    int size_ = 0;
+};
+
+/// The lowest levelled height of a stream of points: row 2 of the levelling
+/// rotation times the single-precision point, in double, rounded to single
+/// precision; 0.0 when no point arrives.
+class LowestLevelledHeight {
+public:
+    explicit LowestLevelledHeight(const double* rotation)
+        : m6_(rotation[6]), m7_(rotation[7]), m8_(rotation[8]) {}
+    // Starting from +inf, a strict comparison keeps the first of equal
+    // heights, as a minimum seeded with the first point would.
+    void add(const cv::Point3f& p) {
+        const float z = static_cast<float>(m6_ * p.x + m7_ * p.y + m8_ * p.z);
+        lowest_ = z < lowest_ ? z : lowest_;
+        ++count_;
+    }
+    double value() const { return count_ > 0 ? lowest_ : 0.0; }
+
+private:
+    double m6_, m7_, m8_;
+    float lowest_ = std::numeric_limits<float>::infinity();
+    int64_t count_ = 0;
+};
+
+/// Least-squares sums of the band points in scan order.
+PA_PASS pa_detail::PlaneSums sumBand(const ScanView& scan, double zLow, double zHigh) {
+    StreamingPlaneSums sums;
+    forEachBandPoint(scan, zLow, zHigh, [&sums](const cv::Point3f& p) { sums.add(p); });
+    return sums.sums();
+}
+
+/// Lowest levelled height of the band points (0.0 without any).
+PA_PASS double lowestBandHeight(const ScanView& scan, double zLow, double zHigh, const double* rotation) {
+    LowestLevelledHeight lowest(rotation);
+    forEachBandPoint(scan, zLow, zHigh, [&lowest](const cv::Point3f& p) { lowest.add(p); });
+    return lowest.value();
+}
+
+/// The levelling rotation of a fitted plane (a, b, -1, e), which turns its
+/// normal (a, b, -1) to (0, 0, -1), and the inverse rotation; planeHeight is
+/// left for the caller.
+SHX_planeCalibPara levellingRotations(const cv::Vec4d& plane) {
     const cv::Vec3d normal(plane[0], plane[1], plane[2]);
     const cv::Vec3d down(0.0, 0.0, -1.0);
     SHX_planeCalibPara r;
     pa_detail::quaternionToMatrix(pa_detail::rotationBetweenVectors(normal, down), r.planeCalib);
     pa_detail::quaternionToMatrix(pa_detail::rotationBetweenVectors(down, normal), r.invRMatrix);
-    const double m6 = r.planeCalib[6], m7 = r.planeCalib[7], m8 = r.planeCalib[8];
-    float lowest = 0.0f;
-    for (size_t i = 0; i < pts.size(); ++i) {
-        const cv::Point3f& p = pts[i];
-        const float z = static_cast<float>(m6 * p.x + m7 * p.y + m8 * p.z);
-        if (i == 0 || z < lowest) lowest = z;
-    }
-    r.planeHeight = lowest;
     return r;
-}
-
-/// Upper bound of the points that can fall into [zMin + low, zMin + high]:
-/// the counts of those bins and one more on each side against rounding.
-size_t bandCapacity(const std::vector<int32_t>& hist, int32_t first, int32_t last) {
-    first = std::max(first - 1, 0);
-    last = std::min(last + 1, static_cast<int32_t>(hist.size()) - 1);
-    size_t c = 0;
-    for (int32_t b = first; b <= last; ++b) c += static_cast<size_t>(hist[b]);
-    return c;
 }
 
 SHX_planeCalibPara calibrateScan(const ScanView& scan) {
@@ -241,10 +339,12 @@ SHX_planeCalibPara calibrateScan(const ScanView& scan) {
     const double zLow = low >= 0 ? zr.min + low : zr.min;
     const double zHigh = high >= 0 ? zr.min + high : zr.max;
 
-    std::vector<cv::Point3f> band;
-    band.reserve(bandCapacity(hist, low >= 0 ? low : 0, high >= 0 ? high : n - 1));
-    collectBand(scan, zLow, zHigh, band);
-    return levelFittedPlane(band);
+    // The band is walked twice, once for the fit and once for the height of
+    // the levelled points, instead of being stored: a stored band is as large
+    // as the floor, and filling fresh memory costs more than a second read.
+    SHX_planeCalibPara r = levellingRotations(pa_detail::solvePlane(sumBand(scan, zLow, zHigh)));
+    r.planeHeight = lowestBandHeight(scan, zLow, zHigh, r.planeCalib);
+    return r;
 }
 
 /// Whether a point lies in a caller region. The upper z bound is compared
@@ -288,9 +388,12 @@ PA_API SHX_planeCalibPara hx_getPlaneCalibPara_ROIs(const SKesp3DLaserLine* line
             if (!isCalibrationZ(z)) continue;
             const bool inside = std::any_of(rois.begin(), rois.end(),
                                             [&](const SKesp3DRangeD& r) { return inRegion(r, x, y, z); });
-            if (!inside) continue;
-            pts.emplace_back(static_cast<float>(x), static_cast<float>(y), static_cast<float>(z));
+            if (inside) pts.emplace_back(static_cast<float>(x), static_cast<float>(y), static_cast<float>(z));
         }
     }
-    return levelFittedPlane(pts);
+    SHX_planeCalibPara r = levellingRotations(pa_detail::planeFitting(pts));
+    LowestLevelledHeight lowest(r.planeCalib);
+    for (const cv::Point3f& q : pts) lowest.add(q);
+    r.planeHeight = lowest.value();
+    return r;
 }

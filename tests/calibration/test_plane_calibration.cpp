@@ -1,5 +1,5 @@
-// Plane calibration: hand-worked histograms, a plain step-by-step reference on
-// random scans, and synthetic tilted floors with known tilt.
+// Plane calibration: hand-worked histograms, failures and bad input, the
+// region variant, and a plain step-by-step reference on random scans.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -307,6 +307,10 @@ TEST(PlaneCalib, UnmeasuredPointsNeverEnter) {
     scan[0].push_back(pt(-1e4, 1e4, 0.0000999));
     scan.insert(scan.begin(), std::vector<SKesp3DPosition>{pt(500, 500, 0.0)});
     EXPECT_TRUE(sameBits(calibrate(scan), clean));
+    // A height of exactly 0.0001 is a measurement: it becomes the lowest bin.
+    scan[0].push_back(pt(500, 500, 0.0001));
+    EXPECT_FALSE(sameBits(calibrate(scan), clean));
+    EXPECT_TRUE(sameBits(calibrate(scan), refCalibrate(scan)));
 }
 
 TEST(PlaneCalib, SingularBandGivesIdentityAndLowestHeight) {
@@ -369,6 +373,22 @@ TEST(PlaneCalib, MatchesPlainReferenceAndBothFormsAgree) {
     // Both outcomes are exercised often.
     EXPECT_GT(levelled, 1000);
     EXPECT_GT(failed, 100);
+}
+
+TEST(PlaneCalib, MatchesPlainReferenceOnTallHistograms) {
+    // A far point stretches the histogram past 65,536 bins, where the counting
+    // switches from several interleaved counter copies to one.
+    testutil::Rng rng(77);
+    int levelled = 0;
+    for (int trial = 0; trial < 20; ++trial) {
+        Scan scan = randomScan(rng);
+        scan.push_back({pt(1, 1, 50.0 + rng.uniform(60000.0, 80000.0))});
+        const auto want = refCalibrate(scan);
+        ASSERT_TRUE(sameBits(calibrate(scan), want)) << "trial " << trial;
+        ASSERT_TRUE(sameBits(hx_getPlaneCalibPara2(scan), want)) << "trial " << trial;
+        levelled += want.planeHeight != -1.0;
+    }
+    EXPECT_GT(levelled, 10);
 }
 
 // ---------------------------------------------------------------------------
