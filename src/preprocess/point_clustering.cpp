@@ -44,13 +44,16 @@ bool hasFiniteXY(const SKesp3DPosition& p) { return std::isfinite(p.x) && std::i
 // are dropped from it, so every point is stepped over at most once after it
 // has been taken. A point with an infinite or NaN x or y is never filed: its
 // distance to any point is infinite or NaN, so nothing joins it and it joins
-// nothing.
+// nothing. Cells are held densely, row by row, when the grid has not many more
+// cells than points; otherwise only the occupied cells are held, found through
+// a hash table of cell coordinates.
 class UntakenGrid {
 public:
     UntakenGrid(const std::vector<SKesp3DPosition>& pts, const std::vector<unsigned char>& taken, double threshold);
 
     // Indices of the untaken filed points strictly closer than threshold to
-    // q in the x-y plane, in increasing order.
+    // q in the x-y plane, in increasing order. q must have finite x and y
+    // within the extent of the points the grid was built from.
     void collectNear(const SKesp3DPosition& q, double threshold, const std::vector<unsigned char>& taken,
                      std::vector<size_t>& found);
 
@@ -63,24 +66,29 @@ private:
         size_t begin, liveEnd;
     };
     static constexpr uint64_t kNoKey = ~uint64_t(0);
+    // A dense grid may have this many cells per filed point (plus a few).
+    static constexpr uint64_t kDenseCellsPerPoint = 4;
+    static constexpr uint64_t kDenseCellsMin = 1024;
 
     int32_t cellCoord(double v, double vMin) const;
     static uint64_t keyOf(int32_t cx, int32_t cy) { return (uint64_t(uint32_t(cx)) << 32) | uint32_t(cy); }
     size_t slotOf(uint64_t key) const { return size_t((key * 0x9E3779B97F4A7C15ull) >> shift_); }
-    int64_t findCell(uint64_t key) const;
-    size_t findOrAddCell(uint64_t key);
+    // Number of the cell (cx, cy) in cells_, or -1 when no point lies there.
+    int64_t findCell(int32_t cx, int32_t cy) const;
+    size_t findOrAddCell(int32_t cx, int32_t cy);
     void scanCell(Cell& cell, const SKesp3DPosition& q, double threshold, const std::vector<unsigned char>& taken,
                   std::vector<size_t>& found);
 
     double xMin_ = 0.0, yMin_ = 0.0, cellSize_ = 1.0;
     bool singleCell_ = false;
+    bool dense_ = false;
+    int32_t cxMax_ = 0, cyMax_ = 0;
     std::vector<Entry> entries_;
     std::vector<Cell> cells_;
-    std::vector<uint64_t> slotKey_;  // open-addressing table: cell key -> cell number
+    std::vector<uint64_t> slotKey_;  // sparse grids: cell key -> cell number
     std::vector<size_t> slotCell_;
     size_t mask_ = 0;
     int shift_ = 64;
-    size_t cellCount_ = 0;
 };
 
 UntakenGrid::UntakenGrid(const std::vector<SKesp3DPosition>& pts, const std::vector<unsigned char>& taken,
@@ -111,36 +119,40 @@ UntakenGrid::UntakenGrid(const std::vector<SKesp3DPosition>& pts, const std::vec
     const double extent = std::max(xMax - xMin_, yMax - yMin_);
     cellSize_ = std::max(std::max(threshold, kTinyDistance), extent / kMaxCellsPerAxis) * (1.0 + kCellMargin);
     singleCell_ = !std::isfinite(cellSize_);
-
-    size_t slots = 16;
-    shift_ = 60;
-    while (slots < 2 * filed) {
-        slots *= 2;
-        --shift_;
+    cxMax_ = cellCoord(xMax, xMin_);
+    cyMax_ = cellCoord(yMax, yMin_);
+    const uint64_t denseCells = uint64_t(cxMax_ + 1) * uint64_t(cyMax_ + 1);
+    dense_ = denseCells <= kDenseCellsPerPoint * filed + kDenseCellsMin;
+    if (dense_) {
+        cells_.assign(denseCells, Cell{0, 0});
+    } else {
+        size_t slots = 16;
+        shift_ = 60;
+        while (slots < 2 * filed) {
+            slots *= 2;
+            --shift_;
+        }
+        mask_ = slots - 1;
+        slotKey_.assign(slots, kNoKey);
+        slotCell_.assign(slots, 0);
     }
-    mask_ = slots - 1;
-    slotKey_.assign(slots, kNoKey);
-    slotCell_.assign(slots, 0);
 
     // Counting sort of the filed points by cell, stable so each cell keeps
-    // input order.
+    // input order; liveEnd counts the cell's points until the offsets are set.
     std::vector<size_t> cellOfFiled;
     cellOfFiled.reserve(filed);
-    std::vector<size_t> counts;
     for (size_t i = 0; i < n; ++i) {
         const SKesp3DPosition& p = pts[i];
         if (taken[i] || !hasFiniteXY(p)) continue;
-        const size_t c = findOrAddCell(keyOf(cellCoord(p.x, xMin_), cellCoord(p.y, yMin_)));
-        if (c == counts.size()) counts.push_back(0);
-        ++counts[c];
+        const size_t c = findOrAddCell(cellCoord(p.x, xMin_), cellCoord(p.y, yMin_));
+        ++cells_[c].liveEnd;
         cellOfFiled.push_back(c);
     }
-    cells_.resize(counts.size());
     size_t offset = 0;
-    for (size_t c = 0; c < counts.size(); ++c) {
-        cells_[c].begin = offset;
-        cells_[c].liveEnd = offset;
-        offset += counts[c];
+    for (Cell& cell : cells_) {
+        const size_t count = cell.liveEnd;
+        cell.begin = cell.liveEnd = offset;
+        offset += count;
     }
     entries_.resize(filed);
     size_t j = 0;
@@ -158,19 +170,24 @@ int32_t UntakenGrid::cellCoord(double v, double vMin) const {
     return static_cast<int32_t>(std::min(std::max(u, 0.0), static_cast<double>(kMaxCellsPerAxis)));
 }
 
-int64_t UntakenGrid::findCell(uint64_t key) const {
+int64_t UntakenGrid::findCell(int32_t cx, int32_t cy) const {
+    if (dense_) return int64_t(cx) * (int64_t(cyMax_) + 1) + cy;
+    const uint64_t key = keyOf(cx, cy);
     for (size_t s = slotOf(key);; s = (s + 1) & mask_) {
         if (slotKey_[s] == key) return static_cast<int64_t>(slotCell_[s]);
         if (slotKey_[s] == kNoKey) return -1;
     }
 }
 
-size_t UntakenGrid::findOrAddCell(uint64_t key) {
+size_t UntakenGrid::findOrAddCell(int32_t cx, int32_t cy) {
+    if (dense_) return static_cast<size_t>(findCell(cx, cy));
+    const uint64_t key = keyOf(cx, cy);
     size_t s = slotOf(key);
     for (; slotKey_[s] != kNoKey; s = (s + 1) & mask_)
         if (slotKey_[s] == key) return slotCell_[s];
     slotKey_[s] = key;
-    slotCell_[s] = cellCount_++;
+    slotCell_[s] = cells_.size();
+    cells_.push_back(Cell{0, 0});
     return slotCell_[s];
 }
 
@@ -179,15 +196,15 @@ void UntakenGrid::collectNear(const SKesp3DPosition& q, double threshold, const 
     found.clear();
     if (entries_.empty() || !hasFiniteXY(q)) return;
     const int32_t cx = cellCoord(q.x, xMin_), cy = cellCoord(q.y, yMin_);
-    const int32_t gxEnd = std::min(cx + 1, kMaxCellsPerAxis), gyEnd = std::min(cy + 1, kMaxCellsPerAxis);
+    const int32_t gxEnd = std::min(cx + 1, cxMax_), gyEnd = std::min(cy + 1, cyMax_);
     for (int32_t gx = std::max(cx - 1, 0); gx <= gxEnd; ++gx) {
         for (int32_t gy = std::max(cy - 1, 0); gy <= gyEnd; ++gy) {
-            const int64_t c = findCell(keyOf(gx, gy));
+            const int64_t c = findCell(gx, gy);
             if (c >= 0) scanCell(cells_[static_cast<size_t>(c)], q, threshold, taken, found);
         }
     }
     // Each cell yields its takers in input order; merge the (at most nine) lists.
-    std::sort(found.begin(), found.end());
+    if (found.size() > 1) std::sort(found.begin(), found.end());
 }
 
 void UntakenGrid::scanCell(Cell& cell, const SKesp3DPosition& q, double threshold,
