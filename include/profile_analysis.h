@@ -664,9 +664,9 @@ PA_API void hx_peakFeatureGrowing(const std::vector<std::vector<SHX_basicFeature
 /// @param[in]     growParam     growing limits, also used by the lengthening
 /// @param[in,out] startPts      free segment starts are appended, in line order
 /// @param[in,out] endPts        free segment ends are appended, in line order
-/// Empty lineFeatures leaves the grown trees alone but still types, cleans and
-/// (with nothing to search) keeps the trees already in the vector. An ending
-/// can be taken by several trees. Line indices outside the vector are outside
+/// With empty lineFeatures nothing is grown, lengthened or collected, but the
+/// trees already in the vector are still typed and cleaned. An ending can be
+/// taken by several trees. Line indices outside the vector are outside
 /// the contract: the searches stay inside it. Cost: the growing, plus the
 /// lines searched by the lengthening, plus the square of the number of shape
 /// trees tested for enclosure.
