@@ -75,6 +75,64 @@ void BM_hx_getLineLVFeature(benchmark::State& state) {
 }
 BENCHMARK(BM_hx_getLineLVFeature)->Unit(benchmark::kMicrosecond);
 
-// @@bench-lvgrowing@@
+// ---- Growing over a 5,000-line scan of such profiles ----
+
+constexpr int kGrowLines = 5000;
+const SHX_treeGrowParam kGrow{1.0, 2.0, 5, 5.0, 5.0, 5.0};
+const SHX_bagParam kBag{100.0, 40.0};
+
+// The detector's results for every line (the profiles are made one at a time).
+const std::vector<SHX_lineFeature>& growScan() {
+    static const std::vector<SHX_lineFeature> lines = [] {
+        std::vector<SHX_lineFeature> v(kGrowLines);
+        std::vector<SKesp3DPosition> pts;
+        uint32_t seed = 7;
+        for (int i = 0; i < kGrowLines; ++i) {
+            makeLVProfile(i, pts, seed);
+            v[static_cast<size_t>(i)].lineIdx = i;
+            hx_getLineLVFeature(pts.data(), kPoints, i, kSlope, kVParam, &v[static_cast<size_t>(i)]);
+        }
+        return v;
+    }();
+    return lines;
+}
+
+// Baseline: the tree growing that the L/V growing starts with, on the same
+// fresh copy of the lines (so both read memory laid out alike).
+void BM_Baseline_FeatureGrowingTrees_LV(benchmark::State& state) {
+    std::vector<SHX_lineFeature> lines;
+    std::vector<SHX_featureTree> trees;
+    for (auto _ : state) {
+        state.PauseTiming();
+        lines = growScan();
+        trees.clear();
+        state.ResumeTiming();
+        hx_getFeatureGrowingTrees(lines, trees, kGrow);
+        benchmark::DoNotOptimize(trees.data());
+    }
+    state.SetItemsProcessed(state.iterations() * int64_t(kGrowLines));
+    state.counters["trees"] = static_cast<double>(trees.size());
+}
+BENCHMARK(BM_Baseline_FeatureGrowingTrees_LV)->Unit(benchmark::kMillisecond);
+
+void BM_hx_LVFeatureGrowing(benchmark::State& state) {
+    std::vector<SHX_lineFeature> lines;
+    std::vector<SHX_featureTree> trees;
+    std::vector<SHX_2DValueI> starts, ends;
+    for (auto _ : state) {
+        state.PauseTiming();  // the routine retypes endings in place: start from the detector's output
+        lines = growScan();
+        trees.clear();
+        starts.clear();
+        ends.clear();
+        state.ResumeTiming();
+        hx_LVFeatureGrowing(lines, trees, kBag, kGrow, starts, ends);
+        benchmark::DoNotOptimize(trees.data());
+    }
+    state.SetItemsProcessed(state.iterations() * int64_t(kGrowLines));
+    state.counters["trees"] = static_cast<double>(trees.size());
+    state.counters["freeEnds"] = static_cast<double>(starts.size() + ends.size());
+}
+BENCHMARK(BM_hx_LVFeatureGrowing)->Unit(benchmark::kMillisecond);
 
 }  // namespace

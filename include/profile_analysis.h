@@ -932,7 +932,51 @@ PA_API void hx_peakFeatureGrowing(const std::vector<std::vector<SHX_basicFeature
 // Feature tracking: L/V growing
 // ===========================================================================
 
-// @@lvgrowing@@
+/// Grows L/V features (steps, flanks, V shapes, corners) into trees and cleans
+/// them with the size of the object looked for; returns the segment ends that
+/// no tree took.
+///  1. Grows with hx_getFeatureGrowingTrees (trees already in the vector take
+///     part).
+///  2. For every tree, in order: the type becomes the most frequent node type
+///     (the lower type on ties; node types outside 0..15 are not counted, and
+///     a winner of type 0 or no counted node leaves the type unchanged). Then
+///     the tree is lengthened backwards: from the line before its first node
+///     down to line 0, the first ending of each line whose y and z differ from
+///     the newest first node by less than yDeviation_max / zDeviation_max and
+///     that lies fewer than maxLineSkipNum lines from it is put in front; the
+///     search stops at a line without one that lies more than maxLineSkipNum
+///     lines from the first node. Forwards likewise, but every ending is
+///     compared with the last node the tree had before (so only endings fewer
+///     than maxLineSkipNum lines after it can join). A taken ending is retyped
+///     to the tree's type in lineFeatures, and so is its copy in the tree.
+///     sLineIdx, eLineIdx and treeValue are not changed.
+///  3. Every tree gets its xRange / yRange from its nodes. A tree of type 3,
+///     4, 5 or 15 is erased when bagW * 0.25 > its x extent and its y extent
+///     > half its x extent.
+///  4. From the last tree to the first, a remaining tree of type 3, 4, 5 or 15
+///     with bagW * 0.5 > its x extent is erased when the nearest remaining
+///     trees below and above it along y whose x extents strictly contain its
+///     own have y centres less than bagL * 1.3 apart.
+///  5. Every ending still of type 6 goes to startPts and of type 7 to endPts,
+///     as x = lineIdx, y = point index, featureType, value = z, value2 = 0.
+/// @param[in,out] lineFeatures  one record per scan line in scan order, with
+///                              lineIdx equal to its position; the featureType
+///                              of the endings taken by trees is changed
+/// @param[in,out] trees         grown, typed, lengthened and cleaned; erasing
+///                              keeps the order of the others
+/// @param[in]     bagParam      length bagL and width bagW of the object
+/// @param[in]     growParam     growing limits, also used by the lengthening
+/// @param[in,out] startPts      free segment starts are appended, in line order
+/// @param[in,out] endPts        free segment ends are appended, in line order
+/// With empty lineFeatures nothing is grown, lengthened or collected, but the
+/// trees already in the vector are still typed and cleaned. An ending can be
+/// taken by several trees. Line indices outside the vector are outside
+/// the contract: the searches stay inside it. Cost: the growing, plus the
+/// lines searched by the lengthening, plus the square of the number of shape
+/// trees tested for enclosure.
+PA_API void hx_LVFeatureGrowing(std::vector<SHX_lineFeature>& lineFeatures, std::vector<SHX_featureTree>& trees,
+                                SHX_bagParam bagParam, SHX_treeGrowParam growParam,
+                                std::vector<SHX_2DValueI>& startPts, std::vector<SHX_2DValueI>& endPts);
 
 // ===========================================================================
 // Feature tracking: semicircle trees

@@ -1,9 +1,9 @@
 // L/V features of one profile: steps, steep flanks and V shapes found on the
 // monotone z runs of the line, plus the two ends of every continuous segment.
 #include <algorithm>
-#include <memory>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <vector>
 
 #include "internal.h"
