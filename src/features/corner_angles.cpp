@@ -49,14 +49,15 @@ inline cv::v_float64x2 approxChordAngle2(const cv::v_float64x2& dz, const cv::v_
     const cv::v_float64x2 az = cv::v_abs(dz);
     const cv::v_float64x2 steep = az > ady;
     const cv::v_float64x2 v = cv::v_select(steep, ady, az) / cv::v_select(steep, az, ady);
+    // Estrin's scheme: the pass is bound by the latency of this chain.
     const cv::v_float64x2 s = v * v;
-    cv::v_float64x2 p = cv::v_setall_f64(kAtan6);
-    p = p * s + cv::v_setall_f64(kAtan5);
-    p = p * s + cv::v_setall_f64(kAtan4);
-    p = p * s + cv::v_setall_f64(kAtan3);
-    p = p * s + cv::v_setall_f64(kAtan2);
-    p = p * s + cv::v_setall_f64(kAtan1);
-    p = (p * s + cv::v_setall_f64(kAtan0)) * v;
+    const cv::v_float64x2 s2 = s * s;
+    const cv::v_float64x2 s4 = s2 * s2;
+    const cv::v_float64x2 q0 = cv::v_setall_f64(kAtan0) + cv::v_setall_f64(kAtan1) * s;
+    const cv::v_float64x2 q1 = cv::v_setall_f64(kAtan2) + cv::v_setall_f64(kAtan3) * s;
+    const cv::v_float64x2 q2 = cv::v_setall_f64(kAtan4) + cv::v_setall_f64(kAtan5) * s;
+    const cv::v_float64x2 r1 = q2 + cv::v_setall_f64(kAtan6) * s2;
+    const cv::v_float64x2 p = (q0 + q1 * s2 + r1 * s4) * v;
     const cv::v_float64x2 deg = cv::v_select(steep, cv::v_setall_f64(kHalfPi) - p, p) * cv::v_setall_f64(kDegPerRad);
     return cv::v_select(dz < zero, zero - deg, deg);
 }
@@ -193,12 +194,12 @@ void CornerAngleList::findNeighbours(double armLen) {
             const double dy = yk - y[j], dz = zk - z[j];
             return dy * dy + dz * dz >= t;
         };
-        lo += static_cast<int32_t>(lo < k && !(pk - path[lo] < reach));
+        // Branches rather than arithmetic on purpose: a predicted branch lets
+        // the next point start before the path load that moves the bound.
         while (lo < k && !(pk - path[lo] < reach)) ++lo;
         int32_t b = lo - 1;
         while (b >= 0 && !reaches(b)) --b;
         if (hi <= k) hi = k + 1;
-        hi += static_cast<int32_t>(path[hi] - pk < reach);
         while (path[hi] - pk < reach) ++hi;  // stops at the +inf padding
         int32_t f = -1;
         if (b >= 0) {
