@@ -299,11 +299,12 @@ struct CornerIndexList {
 /// angles. The local maxima (and, on request, minima) of the corner angle are
 /// found by a trend state machine over the points that have angles.
 ///
-/// The angles are first evaluated with a cheap polynomial whose error is far
-/// below kAngleTol; every decision the detectors take (extrema, limits,
-/// suppression, kinds) is settled from the approximation when it is more than
-/// the tolerance away from the boundary and from the exact one-argument atan
-/// otherwise, so all decisions equal those taken on the exact angles.
+/// The corner angles are first evaluated with a cheap polynomial whose error
+/// is far below kAngleTol; every decision on them (extrema, limits,
+/// suppression) is settled from the approximation when it is more than the
+/// tolerance away from the boundary and from the exact one-argument atan
+/// otherwise, so all decisions equal those taken on the exact angles. The arm
+/// angles, tested only on the surviving corners, are computed exactly.
 class CornerAngleList {
 public:
     enum class Angle { Backward, Forward, Corner };
@@ -341,7 +342,6 @@ public:
     static constexpr double kAngleTol = 1e-3;
 
 private:
-    double approx(Angle a, int32_t k) const;
     void allocate(std::size_t n);
     void findNeighbours(double armLen);
     void approximateAngles();
@@ -360,10 +360,7 @@ private:
     double* y_ = nullptr;              // padded on both sides with NaN (never within reach)
     double* z_ = nullptr;
     double* path_ = nullptr;           // polyline length from point 0 to point k; +inf after m
-    double* approxB_ = nullptr;        // before approximateAngles: backward dz
-    double* approxF_ = nullptr;        // before approximateAngles: forward dz
-    double* approxC_ = nullptr;        // before approximateAngles: backward |dy|
-    double* forwardDy_ = nullptr;      // forward |dy|
+    double* approxC_ = nullptr;        // approximate corner angle
 };
 
 // ---------------------------------------------------------------------------

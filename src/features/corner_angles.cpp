@@ -49,14 +49,15 @@ inline cv::v_float64x2 approxChordAngle2(const cv::v_float64x2& dz, const cv::v_
     const cv::v_float64x2 az = cv::v_abs(dz);
     const cv::v_float64x2 steep = az > ady;
     const cv::v_float64x2 v = cv::v_select(steep, ady, az) / cv::v_select(steep, az, ady);
+    // Estrin's scheme: the pass is bound by the latency of this chain.
     const cv::v_float64x2 s = v * v;
-    cv::v_float64x2 p = cv::v_setall_f64(kAtan6);
-    p = p * s + cv::v_setall_f64(kAtan5);
-    p = p * s + cv::v_setall_f64(kAtan4);
-    p = p * s + cv::v_setall_f64(kAtan3);
-    p = p * s + cv::v_setall_f64(kAtan2);
-    p = p * s + cv::v_setall_f64(kAtan1);
-    p = (p * s + cv::v_setall_f64(kAtan0)) * v;
+    const cv::v_float64x2 s2 = s * s;
+    const cv::v_float64x2 s4 = s2 * s2;
+    const cv::v_float64x2 q0 = cv::v_setall_f64(kAtan0) + cv::v_setall_f64(kAtan1) * s;
+    const cv::v_float64x2 q1 = cv::v_setall_f64(kAtan2) + cv::v_setall_f64(kAtan3) * s;
+    const cv::v_float64x2 q2 = cv::v_setall_f64(kAtan4) + cv::v_setall_f64(kAtan5) * s;
+    const cv::v_float64x2 r1 = q2 + cv::v_setall_f64(kAtan6) * s2;
+    const cv::v_float64x2 p = (q0 + q1 * s2 + r1 * s4) * v;
     const cv::v_float64x2 deg = cv::v_select(steep, cv::v_setall_f64(kHalfPi) - p, p) * cv::v_setall_f64(kDegPerRad);
     return cv::v_select(dz < zero, zero - deg, deg);
 }
@@ -75,34 +76,31 @@ double armThreshold(double armLen) {
     return t;
 }
 
-enum Trend { kUndecided, kRising, kFalling };
-
 }  // namespace
 
-// Arrays are padded so that the neighbour scans can test four points at once
-// without bounds checks: coordinates are NaN outside 0 .. m-1 (a NaN distance
-// never reaches an arm) and the path is +inf after m-1.
-constexpr int32_t kPad = 4;
+// Arrays are padded: coordinates are NaN outside 0 .. m-1, so that points
+// without neighbours (index -1) can be read without a branch, and the path is
+// +inf after m-1, where the forward skip stops.
+constexpr int32_t kPad = 2;
 
-// Index of the lowest set bit of a 4-bit mask (mask != 0).
-constexpr int8_t kLowestBit[16] = {0, 0, 1, 0, 2, 0, 1, 0, 3, 0, 1, 0, 2, 0, 1, 0};
-
+// Everything in two blocks of about 48 bytes per point: small enough that a
+// 2,048-point line stays within the allocator's retained top of heap, so that
+// repeated calls do not fault pages in again.
 void CornerAngleList::allocate(size_t n) {
     const size_t stride = n + 2 * kPad;
-    ints_.resize(5 * n + 2);
+    // Maxima and minima alternate, so neither list outgrows half the points plus one.
+    const size_t extrema = n / 2 + 2;
+    ints_.resize(3 * n + 2 * extrema);
     idx_ = ints_.data();
     back_ = idx_ + n;
     fwd_ = back_ + n;
     maxima_ = fwd_ + n;
-    minima_ = maxima_ + n + 1;
-    reals_.resize(7 * stride);
+    minima_ = maxima_ + extrema;
+    reals_.resize(4 * stride);
     y_ = reals_.data() + kPad;
     z_ = y_ + stride;
     path_ = z_ + stride;
-    approxB_ = path_ + stride;
-    approxF_ = approxB_ + stride;
-    approxC_ = approxF_ + stride;
-    forwardDy_ = approxC_ + stride;
+    approxC_ = path_ + stride;
 }
 
 void CornerAngleList::build(const SKesp3DPosition* points, int32_t count, double jumpZ, double armLen,
@@ -172,8 +170,8 @@ void CornerAngleList::build(const SKesp3DPosition* points, int32_t count, double
 // points whose polyline distance to k is provably shorter than the arm are
 // skipped; both skip bounds only move forward as k does. The scan then starts
 // at the first point that might reach, which leaves the result that of the
-// plain scan from k's neighbour outward. Usually the first or second point
-// tested reaches, so four are tested at once without branches.
+// plain scan from k's neighbour outward. On real profiles the first point
+// tested nearly always reaches.
 void CornerAngleList::findNeighbours(double armLen) {
     const int32_t m = m_;
     const double t = armThreshold(armLen);
@@ -194,106 +192,73 @@ void CornerAngleList::findNeighbours(double armLen) {
         const double yk = y[k], zk = z[k], pk = path[k];
         auto reaches = [&](int32_t j) {
             const double dy = yk - y[j], dz = zk - z[j];
-            return static_cast<unsigned>(dy * dy + dz * dz >= t);
+            return dy * dy + dz * dz >= t;
         };
-        lo += static_cast<int32_t>(lo < k && !(pk - path[lo] < reach));
+        // Branches rather than arithmetic on purpose: a predicted branch lets
+        // the next point start before the path load that moves the bound.
         while (lo < k && !(pk - path[lo] < reach)) ++lo;
-        int32_t b = -1;
-        if (lo > 0) {
-            const unsigned mask = reaches(lo - 1) | reaches(lo - 2) << 1 | reaches(lo - 3) << 2 | reaches(lo - 4) << 3;
-            if (mask != 0) {
-                b = lo - 1 - kLowestBit[mask];
-            } else {
-                for (int32_t j = lo - 5; j >= 0; --j) {
-                    if (reaches(j)) {
-                        b = j;
-                        break;
-                    }
-                }
-            }
-        }
+        int32_t b = lo - 1;
+        while (b >= 0 && !reaches(b)) --b;
         if (hi <= k) hi = k + 1;
-        hi += static_cast<int32_t>(path[hi] - pk < reach);
         while (path[hi] - pk < reach) ++hi;  // stops at the +inf padding
         int32_t f = -1;
-        if (b >= 0 && hi < m) {
-            const unsigned mask = reaches(hi) | reaches(hi + 1) << 1 | reaches(hi + 2) << 2 | reaches(hi + 3) << 3;
-            if (mask != 0) {
-                f = hi + kLowestBit[mask];
-            } else {
-                for (int32_t j = hi + 4; j < m; ++j) {
-                    if (reaches(j)) {
-                        f = j;
-                        break;
-                    }
-                }
-            }
+        if (b >= 0) {
+            f = hi;
+            while (f < m && !reaches(f)) ++f;
+            if (f == m) f = -1;
         }
-        if (f < 0) {
-            back_[k] = fwd_[k] = -1;
-            approxB_[k] = approxF_[k] = 0.0;
-            approxC_[k] = forwardDy_[k] = 1.0;
-            continue;
-        }
+        if (f < 0) b = -1;
         back_[k] = b;
         fwd_[k] = f;
-        approxB_[k] = zk - z[b];
-        approxC_[k] = std::fabs(yk - y[b]);
-        approxF_[k] = z[f] - zk;
-        forwardDy_[k] = std::fabs(y[f] - yk);
     }
 }
 
-// Turns the chord differences left by findNeighbours into approximate angles,
-// in one pass without branches.
+// Approximate corner angles of all points in one pass without branches.
+// Points without angles have both neighbours at -1, where the NaN padding
+// lies, and get a NaN that nothing reads.
 void CornerAngleList::approximateAngles() {
     const int32_t m = m_;
-    double* bA = approxB_;
-    double* fA = approxF_;
+    const double* y = y_;
+    const double* z = z_;
+    const int32_t* back = back_;
+    const int32_t* fwd = fwd_;
     double* cA = approxC_;
-    const double* fDy = forwardDy_;
     int32_t k = 0;
 #if CV_SIMD128_64F
     for (; k + 2 <= m; k += 2) {
-        const cv::v_float64x2 b = approxChordAngle2(cv::v_load(bA + k), cv::v_load(cA + k));
-        const cv::v_float64x2 f = approxChordAngle2(cv::v_load(fA + k), cv::v_load(fDy + k));
-        cv::v_store(bA + k, b);
-        cv::v_store(fA + k, f);
-        cv::v_store(cA + k, b - f);
+        const int32_t b0 = back[k], b1 = back[k + 1], f0 = fwd[k], f1 = fwd[k + 1];
+        const cv::v_float64x2 yk = cv::v_load(y + k), zk = cv::v_load(z + k);
+        const cv::v_float64x2 yb(y[b0], y[b1]), zb(z[b0], z[b1]), yf(y[f0], y[f1]), zf(z[f0], z[f1]);
+        const cv::v_float64x2 bA = approxChordAngle2(zk - zb, cv::v_abs(yk - yb));
+        const cv::v_float64x2 fA = approxChordAngle2(zf - zk, cv::v_abs(yf - yk));
+        cv::v_store(cA + k, bA - fA);
     }
 #endif
     for (; k < m; ++k) {
-        const double b = approxChordAngle(bA[k], cA[k]);
-        const double f = approxChordAngle(fA[k], fDy[k]);
-        bA[k] = b;
-        fA[k] = f;
-        cA[k] = b - f;
+        const int32_t b = back[k], f = fwd[k];
+        cA[k] = approxChordAngle(z[k] - z[b], std::fabs(y[k] - y[b])) - approxChordAngle(z[f] - z[k], std::fabs(y[f] - y[k]));
     }
 }
 
 // The trend state machine over the points with angles. Equal corner angles
 // keep the trend, so a plateau's last point is its extremum. When the line
 // ends while rising (falling), its last point with angles is a maximum
-// (minimum). Transitions come from tables so that noisy profiles, whose trend
-// flips every few points, cost no mispredicted branches.
-namespace {
-// Indexed by trend * 3 + (sign of the change + 1).
-constexpr int8_t kNextTrend[9] = {kFalling, kUndecided, kRising, kFalling, kRising, kRising, kFalling, kFalling, kRising};
-constexpr int8_t kEndsMaximum[9] = {0, 0, 0, 1, 0, 0, 0, 0, 0};
-constexpr int8_t kEndsMinimum[9] = {0, 0, 0, 0, 0, 0, 0, 0, 1};
-}  // namespace
-
+// (minimum). The trend is the sign of the last nonzero change (0 while
+// undecided): a fall after a rise ends a maximum, a rise after a fall a
+// minimum. Kept in that form the loop has no data-dependent branch except
+// the rare exact comparison, so noisy profiles, whose trend flips every few
+// points, cost no mispredictions.
 void CornerAngleList::findExtrema(bool keepMinima) {
     const int32_t m = m_;
     // Corner angles of two points differ by less than this in the
     // approximation only when the exact comparison is needed.
     const double cmpTol = 4.0 * kAngleTol;
     const double* cA = approxC_;
-    const int8_t minimumFlag = keepMinima ? 1 : 0;
+    const size_t minimumFlag = keepMinima ? 1 : 0;
     int32_t* maxOut = maxima_;
     int32_t* minOut = minima_;
     size_t nMax = 0, nMin = 0;
-    int trend = kUndecided;
+    int trend = 0;
     int32_t prev = -1;
     int32_t exactIdx = -1;  // the last exact corner angle computed, kept for the next step
     double exactVal = 0.0;
@@ -307,8 +272,8 @@ void CornerAngleList::findExtrema(bool keepMinima) {
     for (int32_t k = 0; k < m; ++k) {
         if (back_[k] < 0) {
             if (k == m - 1 && prev >= 0) {
-                if (trend == kRising) maxOut[nMax++] = prev;
-                else if (trend == kFalling && keepMinima) minOut[nMin++] = prev;
+                if (trend > 0) maxOut[nMax++] = prev;
+                else if (trend < 0 && keepMinima) minOut[nMin++] = prev;
             }
             continue;
         }
@@ -320,12 +285,11 @@ void CornerAngleList::findExtrema(bool keepMinima) {
                 const double ck = exactCorner(k);
                 sign = (ck > cp) - (ck < cp);
             }
-            const int t = trend * 3 + sign + 1;
             maxOut[nMax] = prev;
-            nMax += static_cast<size_t>(kEndsMaximum[t]);
+            nMax += static_cast<size_t>(sign < 0 && trend > 0);
             minOut[nMin] = prev;
-            nMin += static_cast<size_t>(kEndsMinimum[t] & minimumFlag);
-            trend = kNextTrend[t];
+            nMin += static_cast<size_t>(sign > 0 && trend < 0) & minimumFlag;
+            trend = sign != 0 ? sign : trend;
         }
         prev = k;
     }
@@ -347,44 +311,29 @@ double CornerAngleList::exact(Angle a, int32_t k) const {
     }
 }
 
-double CornerAngleList::approx(Angle a, int32_t k) const {
-    switch (a) {
-        case Angle::Backward:
-            return approxB_[k];
-        case Angle::Forward:
-            return approxF_[k];
-        case Angle::Corner:
-        default:
-            return approxC_[k];
-    }
-}
-
-namespace {
-inline double tolOf(CornerAngleList::Angle a) {
-    return a == CornerAngleList::Angle::Corner ? 2.0 * CornerAngleList::kAngleTol : CornerAngleList::kAngleTol;
-}
-}  // namespace
-
+// The arm angles are tested only on the few corners that survive the corner
+// angle tests, so they are computed exactly; the corner angle goes through
+// its approximation first.
 bool CornerAngleList::greater(Angle a, int32_t k, double limit, bool absolute) const {
-    const double tol = tolOf(a);
-    double v = approx(a, k);
-    if (absolute) v = std::fabs(v);
-    if (v - tol > limit) return true;
-    if (v + tol < limit) return false;
-    double e = exact(a, k);
-    if (absolute) e = std::fabs(e);
-    return e > limit;
+    if (a == Angle::Corner) {
+        const double tol = 2.0 * kAngleTol;
+        const double v = absolute ? std::fabs(approxC_[k]) : approxC_[k];
+        if (v - tol > limit) return true;
+        if (v + tol < limit) return false;
+    }
+    const double e = exact(a, k);
+    return (absolute ? std::fabs(e) : e) > limit;
 }
 
 bool CornerAngleList::less(Angle a, int32_t k, double limit, bool absolute) const {
-    const double tol = tolOf(a);
-    double v = approx(a, k);
-    if (absolute) v = std::fabs(v);
-    if (v + tol < limit) return true;
-    if (v - tol > limit) return false;
-    double e = exact(a, k);
-    if (absolute) e = std::fabs(e);
-    return e < limit;
+    if (a == Angle::Corner) {
+        const double tol = 2.0 * kAngleTol;
+        const double v = absolute ? std::fabs(approxC_[k]) : approxC_[k];
+        if (v + tol < limit) return true;
+        if (v - tol > limit) return false;
+    }
+    const double e = exact(a, k);
+    return (absolute ? std::fabs(e) : e) < limit;
 }
 
 bool CornerAngleList::cornerGreater(int32_t o, int32_t q, bool absolute) const {
