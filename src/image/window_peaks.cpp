@@ -25,6 +25,8 @@
 #include <cstdint>
 #include <vector>
 
+#include <opencv2/core/hal/intrin.hpp>
+
 #include "internal.h"
 
 namespace {
@@ -41,17 +43,20 @@ struct Best {
     bool found = false;
 };
 
-/// Summary of one cell: its best sample and whether every sample is >= 0.
+/// Summary of one cell: its best sample, the cell's row of cells (cells of a
+/// lower band hold only smaller rows, which settles ties in the same column),
+/// and whether every sample is >= 0.
 struct Cell {
     double value = 0.0;
     int32_t x = 0;
     int32_t y = 0;
+    int32_t band = 0;
     bool any = false;
     bool clean = true;
 };
 
 inline bool before(int32_t xa, int32_t ya, int32_t xb, int32_t yb) {
-    return xa < xb || (xa == xb && ya < yb);
+    return (xa < xb) | ((xa == xb) & (ya < yb));
 }
 
 /// A float image: every pixel is a sample, larger is better.
@@ -148,40 +153,111 @@ struct Cuts {
     size_t cells() const { return at.size() - 1; }
 };
 
-/// Cell summaries of an image, read row by row.
+/// Columns handled together: sixteen floats, one cache line per row.
+constexpr int32_t kStrip = 16;
+
+/// Largest value of column x over the rows [y0, y1) and whether every value
+/// there is >= 0 (a negative or NaN value makes the column dirty).
+void columnMax(const cv::Mat& img, int32_t x, int32_t y0, int32_t y1, float* colMax, int32_t* colClean) {
+    float m = img.ptr<float>(y0)[x];
+    bool clean = m >= 0.0f;
+    for (int32_t y = y0 + 1; y < y1; ++y) {
+        const float v = img.ptr<float>(y)[x];
+        if (v > m) m = v;
+        clean = clean && v >= 0.0f;
+    }
+    colMax[x] = m;
+    colClean[x] = clean ? -1 : 0;
+}
+
+/// columnMax for the columns [x0, x0 + kStrip). The sixteen
+/// columns are carried in registers down the band, so each pixel costs one
+/// load, one max and one test.
+void stripColumnMax(const cv::Mat& img, int32_t x0, int32_t y0, int32_t y1, float* colMax, int32_t* colClean) {
+#if CV_SIMD128
+    const cv::v_float32x4 zero = cv::v_setzero_f32();
+    const float* p = img.ptr<float>(y0) + x0;
+    cv::v_float32x4 m0 = cv::v_load(p), m1 = cv::v_load(p + 4), m2 = cv::v_load(p + 8), m3 = cv::v_load(p + 12);
+    cv::v_float32x4 c0 = m0 >= zero, c1 = m1 >= zero, c2 = m2 >= zero, c3 = m3 >= zero;
+    for (int32_t y = y0 + 1; y < y1; ++y) {
+        p = img.ptr<float>(y) + x0;
+        const cv::v_float32x4 v0 = cv::v_load(p), v1 = cv::v_load(p + 4), v2 = cv::v_load(p + 8),
+                              v3 = cv::v_load(p + 12);
+        m0 = cv::v_max(m0, v0);
+        m1 = cv::v_max(m1, v1);
+        m2 = cv::v_max(m2, v2);
+        m3 = cv::v_max(m3, v3);
+        c0 = c0 & (v0 >= zero);
+        c1 = c1 & (v1 >= zero);
+        c2 = c2 & (v2 >= zero);
+        c3 = c3 & (v3 >= zero);
+    }
+    cv::v_store(colMax + x0, m0);
+    cv::v_store(colMax + x0 + 4, m1);
+    cv::v_store(colMax + x0 + 8, m2);
+    cv::v_store(colMax + x0 + 12, m3);
+    cv::v_store(colClean + x0, cv::v_reinterpret_as_s32(c0));
+    cv::v_store(colClean + x0 + 4, cv::v_reinterpret_as_s32(c1));
+    cv::v_store(colClean + x0 + 8, cv::v_reinterpret_as_s32(c2));
+    cv::v_store(colClean + x0 + 12, cv::v_reinterpret_as_s32(c3));
+#else
+    for (int32_t x = x0; x < x0 + kStrip; ++x) columnMax(img, x, y0, y1, colMax, colClean);
+#endif
+}
+
+/// Largest of colMax[xa .. xe) (only used when all of them are numbers).
+float cellMax(const float* colMax, int32_t xa, int32_t xe) {
+    int32_t x = xa;
+    float best = colMax[x];
+#if CV_SIMD128
+    if (xe - xa >= 4) {
+        cv::v_float32x4 m = cv::v_load(colMax + x);
+        for (x += 4; x + 4 <= xe; x += 4) m = cv::v_max(m, cv::v_load(colMax + x));
+        best = cv::v_reduce_max(m);
+    }
+#endif
+    for (; x < xe; ++x) best = std::max(best, colMax[x]);
+    return best;
+}
+
+/// Cell summaries of an image, band of rows by band of rows. For a clean cell
+/// the best is the first column (from the left) whose maximum is the cell's
+/// maximum, at the first row of that column holding it: exactly the first
+/// maximum in column order. Cells are finished as soon as their last column
+/// is known, while the band's rows of that strip are still in cache.
 void summarise(const ImageSamples& s, const Cuts& cx, const Cuts& cy, std::vector<Cell>& cells) {
     const size_t ncx = cx.cells();
+    const int32_t width = s.width();
+    std::vector<float> colMax(static_cast<size_t>(width));
+    std::vector<int32_t> colClean(static_cast<size_t>(width));
+    std::vector<const float*> rows(static_cast<size_t>(s.height()));
+    for (int32_t y = 0; y < s.height(); ++y) rows[y] = s.img.ptr<float>(y);
     for (size_t j = 0; j < cy.cells(); ++j) {
+        const int32_t y0 = cy.at[j], y1 = cy.at[j + 1];
         Cell* row = cells.data() + j * ncx;
-        for (int32_t y = cy.at[j]; y < cy.at[j + 1]; ++y) {
-            const float* p = s.img.ptr<float>(y);
-            for (size_t i = 0; i < ncx; ++i) {
-                const int32_t xa = cx.at[i], xe = cx.at[i + 1];
-                float m = p[xa];
-                int32_t mx = xa;
-                bool clean = m >= 0.0f;
-                for (int32_t x = xa + 1; x < xe; ++x) {
-                    const float v = p[x];
-                    clean &= v >= 0.0f;
-                    if (v > m) {
-                        m = v;
-                        mx = x;
-                    }
-                }
-                Cell& c = row[i];
-                if (!c.any) {
-                    c = Cell{m, mx, y, true, clean};
-                    continue;
-                }
-                c.clean &= clean;
-                // Earlier rows came first; on a tie the smaller column wins.
-                if (m > c.value || (m == c.value && mx < c.x)) {
-                    c.value = m;
-                    c.x = mx;
-                    c.y = y;
-                }
+        size_t next = 0;
+        auto finishCellsUpTo = [&](int32_t done) {
+            for (; next < ncx && cx.at[next + 1] <= done; ++next) {
+                const int32_t xa = cx.at[next], xe = cx.at[next + 1];
+                const float best = cellMax(colMax.data(), xa, xe);
+                int32_t dirty = 0;
+                for (int32_t x = xa; x < xe; ++x) dirty |= ~colClean[x];
+                // First column and first row holding the maximum; the walks go
+                // backwards so that the last match, the first position, stays.
+                int32_t bx = xa;
+                for (int32_t x = xe - 1; x >= xa; --x) bx = colMax[x] == best ? x : bx;
+                int32_t by = y0;
+                for (int32_t y = y1 - 1; y >= y0; --y) by = rows[y][bx] == best ? y : by;
+                row[next] = Cell{best, bx, by, static_cast<int32_t>(j), true, dirty == 0};
             }
+        };
+        int32_t x = 0;
+        for (; x + kStrip <= width; x += kStrip) {
+            stripColumnMax(s.img, x, y0, y1, colMax.data(), colClean.data());
+            finishCellsUpTo(x + kStrip);
         }
+        for (; x < width; ++x) columnMax(s.img, x, y0, y1, colMax.data(), colClean.data());
+        finishCellsUpTo(width);
     }
 }
 
@@ -199,7 +275,9 @@ void summarise(const ScanSamples& s, const Cuts& cx, const Cuts& cy, std::vector
                 for (int32_t y = cy.at[j]; y < end; ++y) {
                     const double z = p[y].z;
                     // Earlier lines and points came first: only a smaller z wins.
-                    if (pa_detail::isValidZ(z) && (!c.any || z < c.value)) c = Cell{z, x, y, true, true};
+                    if (pa_detail::isValidZ(z) && (!c.any || z < c.value)) {
+                        c = Cell{z, x, y, static_cast<int32_t>(j), true, true};
+                    }
                 }
             }
         }
@@ -257,17 +335,23 @@ void searchWindows(const Samples& s, int32_t W, int32_t H, bool outerMovesY, std
             bool clean = true;
             if (useCells) {
                 const size_t ncx = cx.cells();
+                const Cell* bc = nullptr;
                 for (int32_t j = cy.index[y0]; j < cy.index[y1]; ++j) {
                     for (int32_t k = cx.index[x0]; k < cx.index[x1]; ++k) {
-                        const Cell& c = cells[static_cast<size_t>(j) * ncx + static_cast<size_t>(k)];
-                        if (!c.any) continue;
-                        clean &= c.clean;
-                        if (!b.found || Samples::better(c.value, b.value) ||
-                            (c.value == b.value && before(c.x, c.y, b.x, b.y))) {
-                            b = Best{c.value, c.x, c.y, true};
+                        const Cell* c = &cells[static_cast<size_t>(j) * ncx + static_cast<size_t>(k)];
+                        if (!c->any) continue;
+                        clean &= c->clean;
+                        if (bc == nullptr) {
+                            bc = c;
+                            continue;
                         }
+                        // Bitwise operators keep this free of hard-to-predict branches.
+                        const bool take = Samples::better(c->value, bc->value) |
+                                          ((c->value == bc->value) & before(c->x, c->band, bc->x, bc->band));
+                        bc = take ? c : bc;
                     }
                 }
+                if (bc != nullptr) b = Best{bc->value, bc->x, bc->y, true};
             }
             if (!useCells || !clean) b = foldWindow(s, x0, x1, y0, y1);
             if (!b.found) continue;
