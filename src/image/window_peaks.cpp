@@ -23,6 +23,7 @@
 // small that cells would hold only a few samples.
 #include <algorithm>
 #include <cstdint>
+#include <type_traits>
 #include <vector>
 
 #include <opencv2/core/hal/intrin.hpp>
@@ -304,6 +305,152 @@ private:
     std::vector<uint64_t> bits_;
 };
 
+/// The end of every window: a best on the window's border (unclipped ends)
+/// is dropped, a position is reported once.
+void report(const Best& b, int32_t x0, int32_t y0, int32_t W, int32_t H, ReportedMask& reported,
+            std::vector<SHX_2DValueI>& peaks) {
+    if (!b.found) return;
+    if (b.x == x0 || int64_t{b.x} == int64_t{x0} + W - 1 || b.y == y0 || int64_t{b.y} == int64_t{y0} + H - 1) return;
+    if (reported.markFirst(b.x, b.y)) peaks.push_back(SHX_2DValueI{b.x, b.y, 0, b.value, 0});
+}
+
+/// Most bands of rows one window may span for the band-wise image search.
+constexpr int32_t kMaxBandsPerWindow = 4;
+
+/// Index of the lowest set bit of a non-zero mask.
+inline int32_t lowestBit(uint64_t mask) {
+#if defined(__GNUC__) || defined(__clang__)
+    return __builtin_ctzll(mask);
+#else
+    int32_t i = 0;
+    while (!(mask & 1u)) {
+        mask >>= 1;
+        ++i;
+    }
+    return i;
+#endif
+}
+
+/// Best of a span of columns [xa, xe) of one band: the largest column maximum,
+/// the first column holding it, and whether all columns are clean.
+struct SpanBest {
+    float value;
+    int32_t col;
+    int32_t clean;  // -1 clean, 0 dirty
+};
+
+SpanBest spanBest(const float* colMax, const int32_t* colClean, int32_t xa, int32_t xe) {
+    constexpr int32_t kMaskBits = 64;
+    SpanBest r{colMax[xa], xa, -1};
+#if CV_SIMD128
+    if (xe - xa >= 4 && xe - xa <= kMaskBits) {
+        cv::v_float32x4 m = cv::v_load(colMax + xa);
+        cv::v_int32x4 c = cv::v_load(colClean + xa);
+        int32_t x = xa + 4;
+        for (; x + 4 <= xe; x += 4) {
+            m = cv::v_max(m, cv::v_load(colMax + x));
+            c = c & cv::v_load(colClean + x);
+        }
+        r.value = cv::v_reduce_max(m);
+        r.clean = cv::v_check_all(c) ? -1 : 0;
+        for (; x < xe; ++x) {
+            r.value = std::max(r.value, colMax[x]);
+            r.clean &= colClean[x];
+        }
+        const cv::v_float32x4 best = cv::v_setall_f32(r.value);
+        uint64_t mask = 0;
+        int32_t bit = 0;
+        for (x = xa; x + 4 <= xe; x += 4, bit += 4) {
+            mask |= static_cast<uint64_t>(cv::v_signmask(cv::v_load(colMax + x) == best)) << bit;
+        }
+        for (; x < xe; ++x, ++bit) mask |= static_cast<uint64_t>(colMax[x] == r.value) << bit;
+        if (mask != 0) r.col = xa + lowestBit(mask);  // zero only for a dirty span
+        return r;
+    }
+#endif
+    for (int32_t x = xa + 1; x < xe; ++x) {
+        r.value = std::max(r.value, colMax[x]);
+        r.clean &= colClean[x];
+    }
+    r.clean &= colClean[xa];
+    for (int32_t x = xe - 1; x >= xa; --x) r.col = colMax[x] == r.value ? x : r.col;
+    return r;
+}
+
+/// Image search for windows that span few bands of rows. Every band is read
+/// once: reduced to column maxima while its rows are in cache, and those to
+/// the best of each span between column cuts. Bands are kept in a small ring,
+/// since windows only move down the image. A row of windows merges the spans
+/// of its bands (larger value, or on a tie the smaller column), each window
+/// takes the first largest of its spans, and the row of a best is looked up
+/// only when its column passes the border test.
+void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::vector<int32_t>& rowStarts,
+                        const std::vector<int32_t>& colStarts, const Cuts& cx, const Cuts& cy, int32_t slots,
+                        ReportedMask& reported, std::vector<SHX_2DValueI>& peaks) {
+    const int32_t X = s.width(), Y = s.height();
+    const size_t width = static_cast<size_t>(X);
+    const size_t spans = cx.cells();
+    std::vector<const float*> rows(static_cast<size_t>(Y));
+    for (int32_t y = 0; y < Y; ++y) rows[y] = s.img.ptr<float>(y);
+    std::vector<float> colMax(static_cast<size_t>(slots) * width);
+    std::vector<int32_t> colClean(width);
+    std::vector<SpanBest> bandSpans(static_cast<size_t>(slots) * spans), merged(spans);
+    auto slotMax = [&](int32_t band) { return colMax.data() + static_cast<size_t>(band % slots) * width; };
+    auto slotSpans = [&](int32_t band) { return bandSpans.data() + static_cast<size_t>(band % slots) * spans; };
+
+    int32_t bandsDone = 0;
+    for (int32_t y0 : rowStarts) {
+        const int32_t y1 = static_cast<int32_t>(std::min<int64_t>(int64_t{y0} + H, Y));
+        const int32_t ba = cy.index[y0], bb = cy.index[y1];
+        for (; bandsDone < bb; ++bandsDone) {
+            float* m = slotMax(bandsDone);
+            const int32_t b0 = cy.at[bandsDone], b1 = cy.at[bandsDone + 1];
+            int32_t x = 0;
+            for (; x + kStrip <= X; x += kStrip) stripColumnMax(s.img, x, b0, b1, m, colClean.data());
+            for (; x < X; ++x) columnMax(s.img, x, b0, b1, m, colClean.data());
+            SpanBest* sp = slotSpans(bandsDone);
+            for (size_t i = 0; i < spans; ++i) sp[i] = spanBest(m, colClean.data(), cx.at[i], cx.at[i + 1]);
+        }
+        const SpanBest* sp = slotSpans(ba);
+        if (bb - ba > 1) {
+            std::copy(sp, sp + spans, merged.begin());
+            for (int32_t b = ba + 1; b < bb; ++b) {
+                const SpanBest* other = slotSpans(b);
+                for (size_t i = 0; i < spans; ++i) {
+                    SpanBest& t = merged[i];
+                    const SpanBest& o = other[i];
+                    t.col = o.value > t.value ? o.col : (o.value == t.value ? std::min(t.col, o.col) : t.col);
+                    t.value = std::max(t.value, o.value);
+                    t.clean &= o.clean;
+                }
+            }
+            sp = merged.data();
+        }
+        for (int32_t x0 : colStarts) {
+            const int32_t x1 = static_cast<int32_t>(std::min<int64_t>(int64_t{x0} + W, X));
+            const int32_t ka = cx.index[x0], kb = cx.index[x1];
+            int32_t k = ka;
+            int32_t clean = sp[ka].clean;
+            for (int32_t i = ka + 1; i < kb; ++i) {
+                clean &= sp[i].clean;
+                k = sp[i].value > sp[k].value ? i : k;
+            }
+            if (!clean) {
+                report(foldWindow(s, x0, x1, y0, y1), x0, y0, W, H, reported, peaks);
+                continue;
+            }
+            const int32_t bx = sp[k].col;
+            const float best = sp[k].value;
+            if (bx == x0 || int64_t{bx} == int64_t{x0} + W - 1) continue;
+            int32_t band = ba;
+            while (band < bb - 1 && !(slotMax(band)[bx] == best)) ++band;
+            int32_t by = cy.at[band];
+            while (by < cy.at[band + 1] - 1 && !(rows[by][bx] == best)) ++by;
+            report(Best{best, bx, by, true}, x0, y0, W, H, reported, peaks);
+        }
+    }
+}
+
 template <typename Samples>
 void searchWindows(const Samples& s, int32_t W, int32_t H, bool outerMovesY, std::vector<SHX_2DValueI>& peaks) {
     const int32_t X = s.width(), Y = s.height();
@@ -318,13 +465,24 @@ void searchWindows(const Samples& s, int32_t W, int32_t H, bool outerMovesY, std
     const Cuts cx(xStarts, W, X), cy(yStarts, H, Y);
     const size_t cellCount = cx.cells() * cy.cells();
     const bool useCells = static_cast<int64_t>(cellCount) * kMinSamplesPerCell <= int64_t{X} * Y;
+    ReportedMask reported(X, Y);
+    if constexpr (std::is_same_v<Samples, ImageSamples>) {
+        int32_t bandsPerWindow = 0;
+        for (int32_t y0 : yStarts) {
+            const int64_t y1 = std::min<int64_t>(int64_t{y0} + H, Y);
+            bandsPerWindow = std::max(bandsPerWindow, cy.index[static_cast<size_t>(y1)] - cy.index[y0]);
+        }
+        if (useCells && bandsPerWindow <= kMaxBandsPerWindow) {
+            searchImageByBands(s, W, H, yStarts, xStarts, cx, cy, bandsPerWindow, reported, peaks);
+            return;
+        }
+    }
     std::vector<Cell> cells;
     if (useCells) {
         cells.resize(cellCount);
         summarise(s, cx, cy, cells);
     }
 
-    ReportedMask reported(X, Y);
     for (int32_t o : outer) {
         for (int32_t i : inner) {
             const int32_t x0 = outerMovesY ? i : o;
@@ -354,11 +512,7 @@ void searchWindows(const Samples& s, int32_t W, int32_t H, bool outerMovesY, std
                 if (bc != nullptr) b = Best{bc->value, bc->x, bc->y, true};
             }
             if (!useCells || !clean) b = foldWindow(s, x0, x1, y0, y1);
-            if (!b.found) continue;
-            if (b.x == x0 || int64_t{b.x} == int64_t{x0} + W - 1 || b.y == y0 || int64_t{b.y} == int64_t{y0} + H - 1) {
-                continue;
-            }
-            if (reported.markFirst(b.x, b.y)) peaks.push_back(SHX_2DValueI{b.x, b.y, 0, b.value, 0});
+            report(b, x0, y0, W, H, reported, peaks);
         }
     }
 }
