@@ -398,6 +398,7 @@ void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::
     auto slotMax = [&](int32_t band) { return colMax.data() + static_cast<size_t>(band % slots) * width; };
     auto slotSpans = [&](int32_t band) { return bandSpans.data() + static_cast<size_t>(band % slots) * spans; };
 
+    std::vector<const float*> bandMax(static_cast<size_t>(slots));  // column maxima of a window's bands
     int32_t bandsDone = 0;
     for (int32_t y0 : rowStarts) {
         const int32_t y1 = static_cast<int32_t>(std::min<int64_t>(int64_t{y0} + H, Y));
@@ -411,6 +412,7 @@ void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::
             SpanBest* sp = slotSpans(bandsDone);
             for (size_t i = 0; i < spans; ++i) sp[i] = spanBest(m, colClean.data(), cx.at[i], cx.at[i + 1]);
         }
+        for (int32_t b = ba; b < bb; ++b) bandMax[b - ba] = slotMax(b);
         const SpanBest* sp = slotSpans(ba);
         if (bb - ba > 1) {
             std::copy(sp, sp + spans, merged.begin());
@@ -419,7 +421,8 @@ void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::
                 for (size_t i = 0; i < spans; ++i) {
                     SpanBest& t = merged[i];
                     const SpanBest& o = other[i];
-                    t.col = o.value > t.value ? o.col : (o.value == t.value ? std::min(t.col, o.col) : t.col);
+                    const bool takeOther = (o.value > t.value) | ((o.value == t.value) & (o.col < t.col));
+                    t.col = takeOther ? o.col : t.col;
                     t.value = std::max(t.value, o.value);
                     t.clean &= o.clean;
                 }
@@ -443,9 +446,9 @@ void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::
             const float best = sp[k].value;
             if (bx == x0 || int64_t{bx} == int64_t{x0} + W - 1) continue;
             int32_t band = ba;
-            while (band < bb - 1 && !(slotMax(band)[bx] == best)) ++band;
+            while (band < bb - 1 && !(bandMax[band - ba][bx] == best)) ++band;
             int32_t by = cy.at[band];
-            while (by < cy.at[band + 1] - 1 && !(rows[by][bx] == best)) ++by;
+            for (int32_t y = cy.at[band + 1] - 1; y >= cy.at[band]; --y) by = rows[y][bx] == best ? y : by;
             report(Best{best, bx, by, true}, x0, y0, W, H, reported, peaks);
         }
     }
