@@ -18,9 +18,11 @@
 // value and, among equal ones, the first in (x, y) order, a choice that can be
 // combined from parts. The data is therefore cut into cells along every window
 // edge, each cell is summarised once in memory order, and each window combines
-// the few cells it covers. Windows holding a negative or NaN sample fall back
-// to the sample-by-sample rule, and so does everything when windows are so
-// small that cells would hold only a few samples.
+// the few cells it covers. On images whose windows span at most a few bands of
+// rows, the bands are reduced to column maxima in registers and the cells are
+// formed per band (searchImageByBands). Windows holding a negative or NaN
+// sample fall back to the sample-by-sample rule, and so does everything when
+// windows are so small that cells would hold only a few samples.
 #include <algorithm>
 #include <cstdint>
 #include <type_traits>
@@ -111,13 +113,8 @@ Best foldWindow(const Samples& s, int32_t x0, int32_t x1, int32_t y0, int32_t y1
     return b;
 }
 
-/// Window starts along the outer and inner axes, in walking order, keeping only
-/// starts inside the data (starts never decrease, so the rest are empty).
-struct WindowLayout {
-    int64_t sizeX, sizeY;  // W, H
-    std::vector<int32_t> outerStarts, innerStarts;
-};
-
+/// Window starts along one axis, in walking order, keeping only starts inside
+/// the data (starts never decrease, so the rest are empty).
 std::vector<int32_t> startsWithin(int64_t count, int64_t step, int32_t extent) {
     std::vector<int32_t> starts;
     for (int64_t i = 0; i < count; ++i) {
