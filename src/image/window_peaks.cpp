@@ -18,12 +18,17 @@
 // value and, among equal ones, the first in (x, y) order, a choice that can be
 // combined from parts. The data is therefore cut into cells along every window
 // edge, each cell is summarised once in memory order, and each window combines
-// the few cells it covers. Windows holding a negative or NaN sample fall back
-// to the sample-by-sample rule, and so does everything when windows are so
-// small that cells would hold only a few samples.
+// the few cells it covers. On images whose windows span at most a few bands of
+// rows, the bands are reduced to column maxima in registers and the cells are
+// formed per band (searchImageByBands). Windows holding a negative or NaN
+// sample fall back to the sample-by-sample rule, and so does everything when
+// windows are so small that cells would hold only a few samples.
 #include <algorithm>
 #include <cstdint>
+#include <type_traits>
 #include <vector>
+
+#include <opencv2/core/hal/intrin.hpp>
 
 #include "internal.h"
 
@@ -41,17 +46,20 @@ struct Best {
     bool found = false;
 };
 
-/// Summary of one cell: its best sample and whether every sample is >= 0.
+/// Summary of one cell: its best sample, the cell's row of cells (cells of a
+/// lower band hold only smaller rows, which settles ties in the same column),
+/// and whether every sample is >= 0.
 struct Cell {
     double value = 0.0;
     int32_t x = 0;
     int32_t y = 0;
+    int32_t band = 0;
     bool any = false;
     bool clean = true;
 };
 
 inline bool before(int32_t xa, int32_t ya, int32_t xb, int32_t yb) {
-    return xa < xb || (xa == xb && ya < yb);
+    return (xa < xb) | ((xa == xb) & (ya < yb));
 }
 
 /// A float image: every pixel is a sample, larger is better.
@@ -105,13 +113,8 @@ Best foldWindow(const Samples& s, int32_t x0, int32_t x1, int32_t y0, int32_t y1
     return b;
 }
 
-/// Window starts along the outer and inner axes, in walking order, keeping only
-/// starts inside the data (starts never decrease, so the rest are empty).
-struct WindowLayout {
-    int64_t sizeX, sizeY;  // W, H
-    std::vector<int32_t> outerStarts, innerStarts;
-};
-
+/// Window starts along one axis, in walking order, keeping only starts inside
+/// the data (starts never decrease, so the rest are empty).
 std::vector<int32_t> startsWithin(int64_t count, int64_t step, int32_t extent) {
     std::vector<int32_t> starts;
     for (int64_t i = 0; i < count; ++i) {
@@ -148,40 +151,111 @@ struct Cuts {
     size_t cells() const { return at.size() - 1; }
 };
 
-/// Cell summaries of an image, read row by row.
+/// Columns handled together: sixteen floats, one cache line per row.
+constexpr int32_t kStrip = 16;
+
+/// Largest value of column x over the rows [y0, y1) and whether every value
+/// there is >= 0 (a negative or NaN value makes the column dirty).
+void columnMax(const cv::Mat& img, int32_t x, int32_t y0, int32_t y1, float* colMax, int32_t* colClean) {
+    float m = img.ptr<float>(y0)[x];
+    bool clean = m >= 0.0f;
+    for (int32_t y = y0 + 1; y < y1; ++y) {
+        const float v = img.ptr<float>(y)[x];
+        if (v > m) m = v;
+        clean = clean && v >= 0.0f;
+    }
+    colMax[x] = m;
+    colClean[x] = clean ? -1 : 0;
+}
+
+/// columnMax for the columns [x0, x0 + kStrip). The sixteen
+/// columns are carried in registers down the band, so each pixel costs one
+/// load, one max and one test.
+void stripColumnMax(const cv::Mat& img, int32_t x0, int32_t y0, int32_t y1, float* colMax, int32_t* colClean) {
+#if CV_SIMD128
+    const cv::v_float32x4 zero = cv::v_setzero_f32();
+    const float* p = img.ptr<float>(y0) + x0;
+    cv::v_float32x4 m0 = cv::v_load(p), m1 = cv::v_load(p + 4), m2 = cv::v_load(p + 8), m3 = cv::v_load(p + 12);
+    cv::v_float32x4 c0 = m0 >= zero, c1 = m1 >= zero, c2 = m2 >= zero, c3 = m3 >= zero;
+    for (int32_t y = y0 + 1; y < y1; ++y) {
+        p = img.ptr<float>(y) + x0;
+        const cv::v_float32x4 v0 = cv::v_load(p), v1 = cv::v_load(p + 4), v2 = cv::v_load(p + 8),
+                              v3 = cv::v_load(p + 12);
+        m0 = cv::v_max(m0, v0);
+        m1 = cv::v_max(m1, v1);
+        m2 = cv::v_max(m2, v2);
+        m3 = cv::v_max(m3, v3);
+        c0 = c0 & (v0 >= zero);
+        c1 = c1 & (v1 >= zero);
+        c2 = c2 & (v2 >= zero);
+        c3 = c3 & (v3 >= zero);
+    }
+    cv::v_store(colMax + x0, m0);
+    cv::v_store(colMax + x0 + 4, m1);
+    cv::v_store(colMax + x0 + 8, m2);
+    cv::v_store(colMax + x0 + 12, m3);
+    cv::v_store(colClean + x0, cv::v_reinterpret_as_s32(c0));
+    cv::v_store(colClean + x0 + 4, cv::v_reinterpret_as_s32(c1));
+    cv::v_store(colClean + x0 + 8, cv::v_reinterpret_as_s32(c2));
+    cv::v_store(colClean + x0 + 12, cv::v_reinterpret_as_s32(c3));
+#else
+    for (int32_t x = x0; x < x0 + kStrip; ++x) columnMax(img, x, y0, y1, colMax, colClean);
+#endif
+}
+
+/// Largest of colMax[xa .. xe) (only used when all of them are numbers).
+float cellMax(const float* colMax, int32_t xa, int32_t xe) {
+    int32_t x = xa;
+    float best = colMax[x];
+#if CV_SIMD128
+    if (xe - xa >= 4) {
+        cv::v_float32x4 m = cv::v_load(colMax + x);
+        for (x += 4; x + 4 <= xe; x += 4) m = cv::v_max(m, cv::v_load(colMax + x));
+        best = cv::v_reduce_max(m);
+    }
+#endif
+    for (; x < xe; ++x) best = std::max(best, colMax[x]);
+    return best;
+}
+
+/// Cell summaries of an image, band of rows by band of rows. For a clean cell
+/// the best is the first column (from the left) whose maximum is the cell's
+/// maximum, at the first row of that column holding it: exactly the first
+/// maximum in column order. Cells are finished as soon as their last column
+/// is known, while the band's rows of that strip are still in cache.
 void summarise(const ImageSamples& s, const Cuts& cx, const Cuts& cy, std::vector<Cell>& cells) {
     const size_t ncx = cx.cells();
+    const int32_t width = s.width();
+    std::vector<float> colMax(static_cast<size_t>(width));
+    std::vector<int32_t> colClean(static_cast<size_t>(width));
+    std::vector<const float*> rows(static_cast<size_t>(s.height()));
+    for (int32_t y = 0; y < s.height(); ++y) rows[y] = s.img.ptr<float>(y);
     for (size_t j = 0; j < cy.cells(); ++j) {
+        const int32_t y0 = cy.at[j], y1 = cy.at[j + 1];
         Cell* row = cells.data() + j * ncx;
-        for (int32_t y = cy.at[j]; y < cy.at[j + 1]; ++y) {
-            const float* p = s.img.ptr<float>(y);
-            for (size_t i = 0; i < ncx; ++i) {
-                const int32_t xa = cx.at[i], xe = cx.at[i + 1];
-                float m = p[xa];
-                int32_t mx = xa;
-                bool clean = m >= 0.0f;
-                for (int32_t x = xa + 1; x < xe; ++x) {
-                    const float v = p[x];
-                    clean &= v >= 0.0f;
-                    if (v > m) {
-                        m = v;
-                        mx = x;
-                    }
-                }
-                Cell& c = row[i];
-                if (!c.any) {
-                    c = Cell{m, mx, y, true, clean};
-                    continue;
-                }
-                c.clean &= clean;
-                // Earlier rows came first; on a tie the smaller column wins.
-                if (m > c.value || (m == c.value && mx < c.x)) {
-                    c.value = m;
-                    c.x = mx;
-                    c.y = y;
-                }
+        size_t next = 0;
+        auto finishCellsUpTo = [&](int32_t done) {
+            for (; next < ncx && cx.at[next + 1] <= done; ++next) {
+                const int32_t xa = cx.at[next], xe = cx.at[next + 1];
+                const float best = cellMax(colMax.data(), xa, xe);
+                int32_t dirty = 0;
+                for (int32_t x = xa; x < xe; ++x) dirty |= ~colClean[x];
+                // First column and first row holding the maximum; the walks go
+                // backwards so that the last match, the first position, stays.
+                int32_t bx = xa;
+                for (int32_t x = xe - 1; x >= xa; --x) bx = colMax[x] == best ? x : bx;
+                int32_t by = y0;
+                for (int32_t y = y1 - 1; y >= y0; --y) by = rows[y][bx] == best ? y : by;
+                row[next] = Cell{best, bx, by, static_cast<int32_t>(j), true, dirty == 0};
             }
+        };
+        int32_t x = 0;
+        for (; x + kStrip <= width; x += kStrip) {
+            stripColumnMax(s.img, x, y0, y1, colMax.data(), colClean.data());
+            finishCellsUpTo(x + kStrip);
         }
+        for (; x < width; ++x) columnMax(s.img, x, y0, y1, colMax.data(), colClean.data());
+        finishCellsUpTo(width);
     }
 }
 
@@ -199,7 +273,9 @@ void summarise(const ScanSamples& s, const Cuts& cx, const Cuts& cy, std::vector
                 for (int32_t y = cy.at[j]; y < end; ++y) {
                     const double z = p[y].z;
                     // Earlier lines and points came first: only a smaller z wins.
-                    if (pa_detail::isValidZ(z) && (!c.any || z < c.value)) c = Cell{z, x, y, true, true};
+                    if (pa_detail::isValidZ(z) && (!c.any || z < c.value)) {
+                        c = Cell{z, x, y, static_cast<int32_t>(j), true, true};
+                    }
                 }
             }
         }
@@ -226,6 +302,155 @@ private:
     std::vector<uint64_t> bits_;
 };
 
+/// The end of every window: a best on the window's border (unclipped ends)
+/// is dropped, a position is reported once.
+void report(const Best& b, int32_t x0, int32_t y0, int32_t W, int32_t H, ReportedMask& reported,
+            std::vector<SHX_2DValueI>& peaks) {
+    if (!b.found) return;
+    if (b.x == x0 || int64_t{b.x} == int64_t{x0} + W - 1 || b.y == y0 || int64_t{b.y} == int64_t{y0} + H - 1) return;
+    if (reported.markFirst(b.x, b.y)) peaks.push_back(SHX_2DValueI{b.x, b.y, 0, b.value, 0});
+}
+
+/// Most bands of rows one window may span for the band-wise image search.
+constexpr int32_t kMaxBandsPerWindow = 4;
+
+/// Index of the lowest set bit of a non-zero mask.
+inline int32_t lowestBit(uint64_t mask) {
+#if defined(__GNUC__) || defined(__clang__)
+    return __builtin_ctzll(mask);
+#else
+    int32_t i = 0;
+    while (!(mask & 1u)) {
+        mask >>= 1;
+        ++i;
+    }
+    return i;
+#endif
+}
+
+/// Best of a span of columns [xa, xe) of one band: the largest column maximum,
+/// the first column holding it, and whether all columns are clean.
+struct SpanBest {
+    float value;
+    int32_t col;
+    int32_t clean;  // -1 clean, 0 dirty
+};
+
+SpanBest spanBest(const float* colMax, const int32_t* colClean, int32_t xa, int32_t xe) {
+    constexpr int32_t kMaskBits = 64;
+    SpanBest r{colMax[xa], xa, -1};
+#if CV_SIMD128
+    if (xe - xa >= 4 && xe - xa <= kMaskBits) {
+        cv::v_float32x4 m = cv::v_load(colMax + xa);
+        cv::v_int32x4 c = cv::v_load(colClean + xa);
+        int32_t x = xa + 4;
+        for (; x + 4 <= xe; x += 4) {
+            m = cv::v_max(m, cv::v_load(colMax + x));
+            c = c & cv::v_load(colClean + x);
+        }
+        r.value = cv::v_reduce_max(m);
+        r.clean = cv::v_check_all(c) ? -1 : 0;
+        for (; x < xe; ++x) {
+            r.value = std::max(r.value, colMax[x]);
+            r.clean &= colClean[x];
+        }
+        const cv::v_float32x4 best = cv::v_setall_f32(r.value);
+        uint64_t mask = 0;
+        int32_t bit = 0;
+        for (x = xa; x + 4 <= xe; x += 4, bit += 4) {
+            mask |= static_cast<uint64_t>(cv::v_signmask(cv::v_load(colMax + x) == best)) << bit;
+        }
+        for (; x < xe; ++x, ++bit) mask |= static_cast<uint64_t>(colMax[x] == r.value) << bit;
+        if (mask != 0) r.col = xa + lowestBit(mask);  // zero only for a dirty span
+        return r;
+    }
+#endif
+    for (int32_t x = xa + 1; x < xe; ++x) {
+        r.value = std::max(r.value, colMax[x]);
+        r.clean &= colClean[x];
+    }
+    r.clean &= colClean[xa];
+    for (int32_t x = xe - 1; x >= xa; --x) r.col = colMax[x] == r.value ? x : r.col;
+    return r;
+}
+
+/// Image search for windows that span few bands of rows. Every band is read
+/// once: reduced to column maxima while its rows are in cache, and those to
+/// the best of each span between column cuts. Bands are kept in a small ring,
+/// since windows only move down the image. A row of windows merges the spans
+/// of its bands (larger value, or on a tie the smaller column), each window
+/// takes the first largest of its spans, and the row of a best is looked up
+/// only when its column passes the border test.
+void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::vector<int32_t>& rowStarts,
+                        const std::vector<int32_t>& colStarts, const Cuts& cx, const Cuts& cy, int32_t slots,
+                        ReportedMask& reported, std::vector<SHX_2DValueI>& peaks) {
+    const int32_t X = s.width(), Y = s.height();
+    const size_t width = static_cast<size_t>(X);
+    const size_t spans = cx.cells();
+    std::vector<const float*> rows(static_cast<size_t>(Y));
+    for (int32_t y = 0; y < Y; ++y) rows[y] = s.img.ptr<float>(y);
+    std::vector<float> colMax(static_cast<size_t>(slots) * width);
+    std::vector<int32_t> colClean(width);
+    std::vector<SpanBest> bandSpans(static_cast<size_t>(slots) * spans), merged(spans);
+    auto slotMax = [&](int32_t band) { return colMax.data() + static_cast<size_t>(band % slots) * width; };
+    auto slotSpans = [&](int32_t band) { return bandSpans.data() + static_cast<size_t>(band % slots) * spans; };
+
+    std::vector<const float*> bandMax(static_cast<size_t>(slots));  // column maxima of a window's bands
+    int32_t bandsDone = 0;
+    for (int32_t y0 : rowStarts) {
+        const int32_t y1 = static_cast<int32_t>(std::min<int64_t>(int64_t{y0} + H, Y));
+        const int32_t ba = cy.index[y0], bb = cy.index[y1];
+        for (; bandsDone < bb; ++bandsDone) {
+            float* m = slotMax(bandsDone);
+            const int32_t b0 = cy.at[bandsDone], b1 = cy.at[bandsDone + 1];
+            int32_t x = 0;
+            for (; x + kStrip <= X; x += kStrip) stripColumnMax(s.img, x, b0, b1, m, colClean.data());
+            for (; x < X; ++x) columnMax(s.img, x, b0, b1, m, colClean.data());
+            SpanBest* sp = slotSpans(bandsDone);
+            for (size_t i = 0; i < spans; ++i) sp[i] = spanBest(m, colClean.data(), cx.at[i], cx.at[i + 1]);
+        }
+        for (int32_t b = ba; b < bb; ++b) bandMax[b - ba] = slotMax(b);
+        const SpanBest* sp = slotSpans(ba);
+        if (bb - ba > 1) {
+            std::copy(sp, sp + spans, merged.begin());
+            for (int32_t b = ba + 1; b < bb; ++b) {
+                const SpanBest* other = slotSpans(b);
+                for (size_t i = 0; i < spans; ++i) {
+                    SpanBest& t = merged[i];
+                    const SpanBest& o = other[i];
+                    const bool takeOther = (o.value > t.value) | ((o.value == t.value) & (o.col < t.col));
+                    t.col = takeOther ? o.col : t.col;
+                    t.value = std::max(t.value, o.value);
+                    t.clean &= o.clean;
+                }
+            }
+            sp = merged.data();
+        }
+        for (int32_t x0 : colStarts) {
+            const int32_t x1 = static_cast<int32_t>(std::min<int64_t>(int64_t{x0} + W, X));
+            const int32_t ka = cx.index[x0], kb = cx.index[x1];
+            int32_t k = ka;
+            int32_t clean = sp[ka].clean;
+            for (int32_t i = ka + 1; i < kb; ++i) {
+                clean &= sp[i].clean;
+                k = sp[i].value > sp[k].value ? i : k;
+            }
+            if (!clean) {
+                report(foldWindow(s, x0, x1, y0, y1), x0, y0, W, H, reported, peaks);
+                continue;
+            }
+            const int32_t bx = sp[k].col;
+            const float best = sp[k].value;
+            if (bx == x0 || int64_t{bx} == int64_t{x0} + W - 1) continue;
+            int32_t band = ba;
+            while (band < bb - 1 && !(bandMax[band - ba][bx] == best)) ++band;
+            int32_t by = cy.at[band];
+            for (int32_t y = cy.at[band + 1] - 1; y >= cy.at[band]; --y) by = rows[y][bx] == best ? y : by;
+            report(Best{best, bx, by, true}, x0, y0, W, H, reported, peaks);
+        }
+    }
+}
+
 template <typename Samples>
 void searchWindows(const Samples& s, int32_t W, int32_t H, bool outerMovesY, std::vector<SHX_2DValueI>& peaks) {
     const int32_t X = s.width(), Y = s.height();
@@ -240,13 +465,24 @@ void searchWindows(const Samples& s, int32_t W, int32_t H, bool outerMovesY, std
     const Cuts cx(xStarts, W, X), cy(yStarts, H, Y);
     const size_t cellCount = cx.cells() * cy.cells();
     const bool useCells = static_cast<int64_t>(cellCount) * kMinSamplesPerCell <= int64_t{X} * Y;
+    ReportedMask reported(X, Y);
+    if constexpr (std::is_same_v<Samples, ImageSamples>) {
+        int32_t bandsPerWindow = 0;
+        for (int32_t y0 : yStarts) {
+            const int64_t y1 = std::min<int64_t>(int64_t{y0} + H, Y);
+            bandsPerWindow = std::max(bandsPerWindow, cy.index[static_cast<size_t>(y1)] - cy.index[y0]);
+        }
+        if (useCells && bandsPerWindow <= kMaxBandsPerWindow) {
+            searchImageByBands(s, W, H, yStarts, xStarts, cx, cy, bandsPerWindow, reported, peaks);
+            return;
+        }
+    }
     std::vector<Cell> cells;
     if (useCells) {
         cells.resize(cellCount);
         summarise(s, cx, cy, cells);
     }
 
-    ReportedMask reported(X, Y);
     for (int32_t o : outer) {
         for (int32_t i : inner) {
             const int32_t x0 = outerMovesY ? i : o;
@@ -257,24 +493,26 @@ void searchWindows(const Samples& s, int32_t W, int32_t H, bool outerMovesY, std
             bool clean = true;
             if (useCells) {
                 const size_t ncx = cx.cells();
+                const Cell* bc = nullptr;
                 for (int32_t j = cy.index[y0]; j < cy.index[y1]; ++j) {
                     for (int32_t k = cx.index[x0]; k < cx.index[x1]; ++k) {
-                        const Cell& c = cells[static_cast<size_t>(j) * ncx + static_cast<size_t>(k)];
-                        if (!c.any) continue;
-                        clean &= c.clean;
-                        if (!b.found || Samples::better(c.value, b.value) ||
-                            (c.value == b.value && before(c.x, c.y, b.x, b.y))) {
-                            b = Best{c.value, c.x, c.y, true};
+                        const Cell* c = &cells[static_cast<size_t>(j) * ncx + static_cast<size_t>(k)];
+                        if (!c->any) continue;
+                        clean &= c->clean;
+                        if (bc == nullptr) {
+                            bc = c;
+                            continue;
                         }
+                        // Bitwise operators keep this free of hard-to-predict branches.
+                        const bool take = Samples::better(c->value, bc->value) |
+                                          ((c->value == bc->value) & before(c->x, c->band, bc->x, bc->band));
+                        bc = take ? c : bc;
                     }
                 }
+                if (bc != nullptr) b = Best{bc->value, bc->x, bc->y, true};
             }
             if (!useCells || !clean) b = foldWindow(s, x0, x1, y0, y1);
-            if (!b.found) continue;
-            if (b.x == x0 || int64_t{b.x} == int64_t{x0} + W - 1 || b.y == y0 || int64_t{b.y} == int64_t{y0} + H - 1) {
-                continue;
-            }
-            if (reported.markFirst(b.x, b.y)) peaks.push_back(SHX_2DValueI{b.x, b.y, 0, b.value, 0});
+            report(b, x0, y0, W, H, reported, peaks);
         }
     }
 }
