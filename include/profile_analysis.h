@@ -1136,8 +1136,9 @@ PA_API void hx_getLocalPeaks(const SKesp3DLaserLine* lines, int32_t lineNum, std
 ///  - with useMarkBits, turns a type-0 point with mark bits into a type-8 point
 ///    with flag 0 and contour index 5 / 6 (along a line, toward lower / higher
 ///    point indices) or 7 / 8 (across lines, toward lower / higher lines);
-///  - ends without recording at the first visited point farther than the limit
-///    from the seed (|dy| along a line, |dx| across lines);
+///  - ends, unrecorded, at the first point it does not skip that lies farther
+///    than the limit from the seed (|dy| along a line, |dx| across lines);
+///    skipped points do not end it, however far they are;
 ///  - records a point of non-zero type whose contour index (element 0 of its
 ///    flag pixel, or the marker above) is positive, except that such a point
 ///    at the seed index or next to it ends the walk unrecorded;

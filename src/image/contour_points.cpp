@@ -97,23 +97,22 @@ PA_API void hx_contourPostProc(const std::vector<SHX_contourPtInfo>& contourPts,
     majorityOut = 0;
     if (contourPts.empty()) return;
 
-    // The table needs only as many entries as the largest identifier present;
-    // an overstated maxContourIdx then costs nothing. Identifiers outside
-    // 0 .. maxContourIdx belong to no contour.
-    int32_t tableMax = -1;
-    for (const SHX_contourPtInfo& p : contourPts) {
-        if (p.contourIdx >= 0 && p.contourIdx <= maxContourIdx) tableMax = std::max(tableMax, p.contourIdx);
-    }
-    if (tableMax < 0) return;
-    std::vector<ContourStat> table(static_cast<size_t>(tableMax) + 1);
+    // The table grows to the largest identifier met, so an overstated
+    // maxContourIdx costs nothing. Identifiers outside 0 .. maxContourIdx
+    // belong to no contour.
+    std::vector<ContourStat> table;
     std::vector<int32_t> order;  // identifiers in order of first appearance
     for (const SHX_contourPtInfo& p : contourPts) {
-        if (p.contourIdx < 0 || p.contourIdx > tableMax) continue;
-        ContourStat& s = table[static_cast<size_t>(p.contourIdx)];
-        if (s.count == 0) order.push_back(p.contourIdx);
+        const int32_t id = p.contourIdx;
+        if (id < 0 || id > maxContourIdx) continue;
+        if (static_cast<size_t>(id) >= table.size()) table.resize(static_cast<size_t>(id) + 1);
+        ContourStat& s = table[static_cast<size_t>(id)];
+        if (s.count == 0) order.push_back(id);
         ++s.count;
         s.distSum += p.seedDist;
     }
+    if (order.empty()) return;
+    const int32_t tableMax = static_cast<int32_t>(table.size()) - 1;
 
     const int64_t n = static_cast<int64_t>(contourPts.size());
     const int64_t minCount = (kMinShareNum * n) / kMinShareDen;

@@ -234,14 +234,6 @@ void runWalks(MakeAxis makeAxis, const int32_t* idx, int n, int32_t step, bool u
     }
     const auto first = makeAxis(idx[0]);
     const int32_t last = first.count() - 1;
-    if (n == 1) {  // a single walk: the plain loop
-        WalkSlot& s = slots[0];
-        for (int32_t k = first.seedIndex(); k >= 0 && k <= last; k += step) {
-            s.status = stepWalk(first, k, step, useMarkBits, limit, s.state, s.recs);
-            if (s.status != Step::Continue) return;
-        }
-        return;
-    }
     int active = n;
     for (int32_t k = first.seedIndex(); active > 0 && k >= 0 && k <= last; k += step) {
         for (int r = 0; r < n; ++r) {
