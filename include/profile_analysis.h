@@ -565,8 +565,8 @@ PA_API void hx_pointClustering(std::vector<SKesp3DPosition>& pts, double distTh,
 /// Equal extremes within range are all kept.
 /// @param[in,out] points      pointCount points in scan order; the nPointIdx
 ///                            of point i is set to i (all points, valid or not)
-/// @param[in]     pointCount  number of points; below 2 returns at once
-///                            without touching the points
+/// @param[in]     pointCount  number of points; below 2 (or a null points)
+///                            returns at once without touching anything
 /// @param[in]     lineIdx     scan-line index copied into every record
 /// @param[in]     peakRangeY  neighbourhood half-width along y (length unit);
 ///                            only its square is used, so its sign is ignored
@@ -587,8 +587,9 @@ PA_API void hx_getLineLocalPeaks(SKesp3DPosition* points, int32_t pointCount, in
 /// bridged. Falls of z are ignored however large.
 /// @param[in,out] points         pointCount points in scan order; the
 ///                               nPointIdx of point i is set to i
-/// @param[in]     pointCount     number of points; below 2 returns at once
-///                               without touching the points
+/// @param[in]     pointCount     number of points; below 2 (or a null
+///                               points) returns at once without touching
+///                               anything
 /// @param[in]     lineIdx        scan-line index copied into every record
 /// @param[in]     jumpThreshold  least z rise (exclusive), length unit
 /// @param[in,out] jumps          one record per jump is appended (type 1,
@@ -868,7 +869,9 @@ PA_API void hx_getLineUpperSemiCircleFeature(SKesp3DPosition* points, int32_t po
 /// @param[in]     growParam     matching and keep limits
 /// Empty lineFeatures leaves trees untouched. New trees start with treeValue
 /// 0.0 (the seed's value is not counted). Cost: features times the trees still
-/// open, independent of the number of closed trees in the vector.
+/// open, plus one pass over the vector at the start and one at the end (which
+/// removes the trees that failed the keep test); closed trees are never
+/// visited per feature or per line.
 PA_API void hx_getFeatureGrowingTrees(const std::vector<SHX_lineFeature>& lineFeatures,
                                       std::vector<SHX_featureTree>& trees, SHX_treeGrowParam growParam);
 
