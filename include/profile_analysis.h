@@ -408,8 +408,10 @@ PA_API void eulerToRotationMatrixZYX(const SHX_EulerAngles& e, double R[3][3]);
 ///         invRMatrix: the inverse rotation. planeHeight: the lowest levelled
 ///         z of the band points (row 2 of planeCalib times the single-precision
 ///         point, rounded to single precision), 0.0 if the band holds no point.
-///         A fit to a singular band (e.g. the points of one scan line, or
-///         collinear points) uses a zero inverse and gives the identity.
+///         When the band's normal equations are singular (all its points on
+///         one line, e.g. one scan line at x = 0) their inverse is taken as
+///         zero and both matrices are the identity; a band that lies on a line
+///         only up to rounding gives an unreliable tilt.
 ///         Failure (no valid point; all heights within one unit, so no peak;
 ///         no peak above a tenth of the valid points) returns planeCalib =
 ///         invRMatrix = identity and planeHeight = -1.0: test planeHeight.

@@ -415,8 +415,9 @@ inline cv::Vec4d solvePlane(const PlaneSums& s) {
 }
 
 /// Least-squares plane z = a x + b y + e through single-precision points;
-/// returns (a, b, -1, e). Fewer than three points in general position (none,
-/// one line of a scan, collinear points) give (0, 0, -1, 0).
+/// returns (a, b, -1, e). No point, one point, or points on one line whose
+/// sums make the system exactly singular give (0, 0, -1, 0); a system that
+/// rounding leaves barely regular gives what its inverse gives.
 inline cv::Vec4d planeFitting(const std::vector<cv::Point3f>& pts) {
     PlaneSums s;
     for (const cv::Point3f& p : pts) s.add(p);
