@@ -39,7 +39,9 @@ struct RunningSum {
         sum = t;
     }
     double value() const { return sum + carry; }
-    bool isFinite() const { return std::isfinite(sum + carry); }
+    // An infinite or overflowing term always makes `sum` itself non-finite
+    // (the carried errors of finite terms are finite), so `sum` alone tells.
+    bool isFinite() const { return std::isfinite(sum); }
 };
 
 // Sums of the strictly valid heights of pts[lo..hi] in index order: plain,
