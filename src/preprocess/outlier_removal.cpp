@@ -54,26 +54,28 @@ struct SpatialContinuity {
 template <typename Continues, typename RemoveRun, typename Visit>
 void forEachShortRun(const SKesp3DPosition* pts, int64_t n, double outlierTh, Continues continues,
                      RemoveRun removeRun, Visit visit) {
-    int64_t first = -1, lastValid = -1, count = 0;
-    SKesp3DPosition last;
-    for (int64_t i = 0; i < n; ++i) {
+    int64_t i = 0;
+    for (; i < n; ++i) {
+        visit(i);
+        if (isStrictlyValidZ(pts[i].z)) break;
+    }
+    if (i >= n) return;  // no valid point: no run
+    int64_t first = i, lastValid = i, count = 1;
+    SKesp3DPosition last = pts[i];
+    for (++i; i < n; ++i) {
         visit(i);
         const SKesp3DPosition p = pts[i];
         if (!isStrictlyValidZ(p.z)) continue;
-        if (first < 0) {
-            first = i;
-            count = 1;
-        } else if (continues(p, last)) {
-            ++count;
-        } else {
+        if (!continues(p, last)) {
             if (outlierTh > static_cast<double>(count)) removeRun(first, lastValid);
             first = i;
-            count = 1;
+            count = 0;
         }
+        ++count;
         last = p;
         lastValid = i;
     }
-    if (first >= 0 && outlierTh > static_cast<double>(count)) removeRun(first, lastValid);
+    if (outlierTh > static_cast<double>(count)) removeRun(first, lastValid);
 }
 
 // The copying variants: the output becomes a copy of the line (its length

@@ -39,7 +39,9 @@ struct RunningSum {
         sum = t;
     }
     double value() const { return sum + carry; }
-    bool isFinite() const { return std::isfinite(sum + carry); }
+    // An infinite or overflowing term always makes `sum` itself non-finite
+    // (the carried errors of finite terms are finite), so `sum` alone tells.
+    bool isFinite() const { return std::isfinite(sum); }
 };
 
 // Sums of the strictly valid heights of pts[lo..hi] in index order: plain,
@@ -81,9 +83,14 @@ void smoothHeights(const SKesp3DPosition* in, int64_t n, int64_t half, SKesp3DPo
     const auto lo = [half](int64_t i) { return std::max<int64_t>(0, i - half); };
     const auto hi = [half, n](int64_t i) { return std::min(n - 1, i + half); };
 
-    RunningSum window = compensatedValidSum(in, 0, hi(0));
+    RunningSum window;
     int64_t count = 0;
-    for (int64_t j = 0; j <= hi(0); ++j) count += isStrictlyValidZ(in[j].z) ? 1 : 0;
+    for (int64_t j = 0; j <= hi(0); ++j) {
+        if (isStrictlyValidZ(in[j].z)) {
+            window.add(in[j].z);
+            ++count;
+        }
+    }
     for (int64_t i = 0; i < n; ++i) {
         if (i > 0) {
             const int64_t entering = i + half;
