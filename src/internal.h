@@ -359,7 +359,8 @@ private:
     std::size_t minCount_ = 0;
     double* y_ = nullptr;              // padded on both sides with NaN (never within reach)
     double* z_ = nullptr;
-    double* path_ = nullptr;           // polyline length from point 0 to point k; +inf after m
+    double* path_ = nullptr;           // polyline length from point 0 to point k, +inf after m;
+                                       // later the approximate forward angles
     double* approxC_ = nullptr;        // approximate corner angle
 };
 
