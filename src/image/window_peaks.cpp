@@ -374,13 +374,28 @@ SpanBest spanBest(const float* colMax, const int32_t* colClean, int32_t xa, int3
     return r;
 }
 
+/// Folds one band's column maxima and clean flags into a running merge.
+void mergeColumns(const float* m, const int32_t* c, float* mergedMax, int32_t* mergedClean, int32_t n) {
+    int32_t x = 0;
+#if CV_SIMD128
+    for (; x + 4 <= n; x += 4) {
+        cv::v_store(mergedMax + x, cv::v_max(cv::v_load(mergedMax + x), cv::v_load(m + x)));
+        cv::v_store(mergedClean + x, cv::v_load(mergedClean + x) & cv::v_load(c + x));
+    }
+#endif
+    for (; x < n; ++x) {
+        mergedMax[x] = std::max(mergedMax[x], m[x]);
+        mergedClean[x] &= c[x];
+    }
+}
+
 /// Image search for windows that span few bands of rows. Every band is read
-/// once: reduced to column maxima while its rows are in cache, and those to
-/// the best of each span between column cuts. Bands are kept in a small ring,
-/// since windows only move down the image. A row of windows merges the spans
-/// of its bands (larger value, or on a tie the smaller column), each window
-/// takes the first largest of its spans, and the row of a best is looked up
-/// only when its column passes the border test.
+/// once and reduced to column maxima in registers; bands are kept in a small
+/// ring, since windows only move down the image. A row of windows merges the
+/// column maxima of its bands, each span between column cuts takes its first
+/// largest column, each window the first largest of its spans, and the row of
+/// a best is looked up (in the first band holding the value) only when its
+/// column passes the border test.
 void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::vector<int32_t>& rowStarts,
                         const std::vector<int32_t>& colStarts, const Cuts& cx, const Cuts& cy, int32_t slots,
                         ReportedMask& reported, std::vector<SHX_2DValueI>& peaks) {
@@ -389,11 +404,11 @@ void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::
     const size_t spans = cx.cells();
     std::vector<const float*> rows(static_cast<size_t>(Y));
     for (int32_t y = 0; y < Y; ++y) rows[y] = s.img.ptr<float>(y);
-    std::vector<float> colMax(static_cast<size_t>(slots) * width);
-    std::vector<int32_t> colClean(width);
-    std::vector<SpanBest> bandSpans(static_cast<size_t>(slots) * spans), merged(spans);
+    std::vector<float> colMax(static_cast<size_t>(slots) * width), mergedMax(width);
+    std::vector<int32_t> colClean(static_cast<size_t>(slots) * width), mergedClean(width);
+    std::vector<SpanBest> sp(spans);
     auto slotMax = [&](int32_t band) { return colMax.data() + static_cast<size_t>(band % slots) * width; };
-    auto slotSpans = [&](int32_t band) { return bandSpans.data() + static_cast<size_t>(band % slots) * spans; };
+    auto slotClean = [&](int32_t band) { return colClean.data() + static_cast<size_t>(band % slots) * width; };
 
     std::vector<const float*> bandMax(static_cast<size_t>(slots));  // column maxima of a window's bands
     int32_t bandsDone = 0;
@@ -402,30 +417,23 @@ void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::
         const int32_t ba = cy.index[y0], bb = cy.index[y1];
         for (; bandsDone < bb; ++bandsDone) {
             float* m = slotMax(bandsDone);
+            int32_t* c = slotClean(bandsDone);
             const int32_t b0 = cy.at[bandsDone], b1 = cy.at[bandsDone + 1];
             int32_t x = 0;
-            for (; x + kStrip <= X; x += kStrip) stripColumnMax(s.img, x, b0, b1, m, colClean.data());
-            for (; x < X; ++x) columnMax(s.img, x, b0, b1, m, colClean.data());
-            SpanBest* sp = slotSpans(bandsDone);
-            for (size_t i = 0; i < spans; ++i) sp[i] = spanBest(m, colClean.data(), cx.at[i], cx.at[i + 1]);
+            for (; x + kStrip <= X; x += kStrip) stripColumnMax(s.img, x, b0, b1, m, c);
+            for (; x < X; ++x) columnMax(s.img, x, b0, b1, m, c);
         }
         for (int32_t b = ba; b < bb; ++b) bandMax[b - ba] = slotMax(b);
-        const SpanBest* sp = slotSpans(ba);
+        const float* wMax = slotMax(ba);
+        const int32_t* wClean = slotClean(ba);
         if (bb - ba > 1) {
-            std::copy(sp, sp + spans, merged.begin());
-            for (int32_t b = ba + 1; b < bb; ++b) {
-                const SpanBest* other = slotSpans(b);
-                for (size_t i = 0; i < spans; ++i) {
-                    SpanBest& t = merged[i];
-                    const SpanBest& o = other[i];
-                    const bool takeOther = (o.value > t.value) | ((o.value == t.value) & (o.col < t.col));
-                    t.col = takeOther ? o.col : t.col;
-                    t.value = std::max(t.value, o.value);
-                    t.clean &= o.clean;
-                }
-            }
-            sp = merged.data();
+            std::copy(wMax, wMax + width, mergedMax.begin());
+            std::copy(wClean, wClean + width, mergedClean.begin());
+            for (int32_t b = ba + 1; b < bb; ++b) mergeColumns(slotMax(b), slotClean(b), mergedMax.data(), mergedClean.data(), X);
+            wMax = mergedMax.data();
+            wClean = mergedClean.data();
         }
+        for (size_t i = 0; i < spans; ++i) sp[i] = spanBest(wMax, wClean, cx.at[i], cx.at[i + 1]);
         for (int32_t x0 : colStarts) {
             const int32_t x1 = static_cast<int32_t>(std::min<int64_t>(int64_t{x0} + W, X));
             const int32_t ka = cx.index[x0], kb = cx.index[x1];
