@@ -374,18 +374,20 @@ SpanBest spanBest(const float* colMax, const int32_t* colClean, int32_t xa, int3
     return r;
 }
 
-/// Folds one band's column maxima and clean flags into a running merge.
-void mergeColumns(const float* m, const int32_t* c, float* mergedMax, int32_t* mergedClean, int32_t n) {
+/// Column maxima and clean flags of two bands together: out = max(a, b) and
+/// outClean = aClean & bClean (out may be a).
+void mergeColumns(const float* a, const int32_t* aClean, const float* b, const int32_t* bClean, float* out,
+                  int32_t* outClean, int32_t n) {
     int32_t x = 0;
 #if CV_SIMD128
     for (; x + 4 <= n; x += 4) {
-        cv::v_store(mergedMax + x, cv::v_max(cv::v_load(mergedMax + x), cv::v_load(m + x)));
-        cv::v_store(mergedClean + x, cv::v_load(mergedClean + x) & cv::v_load(c + x));
+        cv::v_store(out + x, cv::v_max(cv::v_load(a + x), cv::v_load(b + x)));
+        cv::v_store(outClean + x, cv::v_load(aClean + x) & cv::v_load(bClean + x));
     }
 #endif
     for (; x < n; ++x) {
-        mergedMax[x] = std::max(mergedMax[x], m[x]);
-        mergedClean[x] &= c[x];
+        out[x] = std::max(a[x], b[x]);
+        outClean[x] = aClean[x] & bClean[x];
     }
 }
 
@@ -426,10 +428,8 @@ void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::
         for (int32_t b = ba; b < bb; ++b) bandMax[b - ba] = slotMax(b);
         const float* wMax = slotMax(ba);
         const int32_t* wClean = slotClean(ba);
-        if (bb - ba > 1) {
-            std::copy(wMax, wMax + width, mergedMax.begin());
-            std::copy(wClean, wClean + width, mergedClean.begin());
-            for (int32_t b = ba + 1; b < bb; ++b) mergeColumns(slotMax(b), slotClean(b), mergedMax.data(), mergedClean.data(), X);
+        for (int32_t b = ba + 1; b < bb; ++b) {
+            mergeColumns(wMax, wClean, slotMax(b), slotClean(b), mergedMax.data(), mergedClean.data(), X);
             wMax = mergedMax.data();
             wClean = mergedClean.data();
         }
