@@ -14,14 +14,16 @@
 // best is negative, after that only a strictly better one. A best on the
 // window's border (unclipped ends) is rejected; a position is reported once.
 //
-// Speed: with all samples of a window non-negative that rule picks the best
-// value and, among equal ones, the first in (x, y) order, a choice that can be
-// combined from parts. The data is therefore cut into cells along every window
+// Speed: in a window without NaN whose largest (or, on a scan, any) value is
+// not negative, that rule picks the best value and, among equal ones, the
+// first in (x, y) order (negative samples met before the first non-negative
+// one cannot equal a non-negative best), a choice that can be combined from
+// parts. The data is therefore cut into cells along every window
 // edge, each cell is summarised once in memory order, and each window combines
 // the few cells it covers. On images whose windows span at most a few bands of
 // rows, the bands are reduced to column maxima in registers and the cells are
-// formed per band (searchImageByBands). Windows holding a negative or NaN
-// sample fall back to the sample-by-sample rule, and so does everything when
+// formed per band (searchImageByBands). Windows holding a NaN or only negative
+// samples fall back to the sample-by-sample rule, and so does everything when
 // windows are so small that cells would hold only a few samples.
 #include <algorithm>
 #include <cstdint>
@@ -48,7 +50,7 @@ struct Best {
 
 /// Summary of one cell: its best sample, the cell's row of cells (cells of a
 /// lower band hold only smaller rows, which settles ties in the same column),
-/// and whether every sample is >= 0.
+/// and whether it holds no NaN.
 struct Cell {
     double value = 0.0;
     int32_t x = 0;
@@ -154,29 +156,30 @@ struct Cuts {
 /// Columns handled together: sixteen floats, one cache line per row.
 constexpr int32_t kStrip = 16;
 
-/// Largest value of column x over the rows [y0, y1) and whether every value
-/// there is >= 0 (a negative or NaN value makes the column dirty).
+/// Largest value of column x over the rows [y0, y1), and -1 in colClean when
+/// no value is NaN (0 otherwise). NaN is found through the sum of the column,
+/// which stays NaN once it is; infinities of both signs also give NaN, which
+/// only sends the column to the exact sample-by-sample rule.
 void columnMax(const cv::Mat& img, int32_t x, int32_t y0, int32_t y1, float* colMax, int32_t* colClean) {
     float m = img.ptr<float>(y0)[x];
-    bool clean = m >= 0.0f;
+    float sum = m;
     for (int32_t y = y0 + 1; y < y1; ++y) {
         const float v = img.ptr<float>(y)[x];
         if (v > m) m = v;
-        clean = clean && v >= 0.0f;
+        sum += v;
     }
     colMax[x] = m;
-    colClean[x] = clean ? -1 : 0;
+    colClean[x] = sum == sum ? -1 : 0;
 }
 
-/// columnMax for the columns [x0, x0 + kStrip). The sixteen
-/// columns are carried in registers down the band, so each pixel costs one
-/// load, one max and one test.
+/// columnMax for the columns [x0, x0 + kStrip). The sixteen columns are
+/// carried in registers down the band, so each pixel costs one load, one max
+/// and one add.
 void stripColumnMax(const cv::Mat& img, int32_t x0, int32_t y0, int32_t y1, float* colMax, int32_t* colClean) {
 #if CV_SIMD128
-    const cv::v_float32x4 zero = cv::v_setzero_f32();
     const float* p = img.ptr<float>(y0) + x0;
     cv::v_float32x4 m0 = cv::v_load(p), m1 = cv::v_load(p + 4), m2 = cv::v_load(p + 8), m3 = cv::v_load(p + 12);
-    cv::v_float32x4 c0 = m0 >= zero, c1 = m1 >= zero, c2 = m2 >= zero, c3 = m3 >= zero;
+    cv::v_float32x4 c0 = m0, c1 = m1, c2 = m2, c3 = m3;
     for (int32_t y = y0 + 1; y < y1; ++y) {
         p = img.ptr<float>(y) + x0;
         const cv::v_float32x4 v0 = cv::v_load(p), v1 = cv::v_load(p + 4), v2 = cv::v_load(p + 8),
@@ -185,19 +188,19 @@ void stripColumnMax(const cv::Mat& img, int32_t x0, int32_t y0, int32_t y1, floa
         m1 = cv::v_max(m1, v1);
         m2 = cv::v_max(m2, v2);
         m3 = cv::v_max(m3, v3);
-        c0 = c0 & (v0 >= zero);
-        c1 = c1 & (v1 >= zero);
-        c2 = c2 & (v2 >= zero);
-        c3 = c3 & (v3 >= zero);
+        c0 = c0 + v0;
+        c1 = c1 + v1;
+        c2 = c2 + v2;
+        c3 = c3 + v3;
     }
     cv::v_store(colMax + x0, m0);
     cv::v_store(colMax + x0 + 4, m1);
     cv::v_store(colMax + x0 + 8, m2);
     cv::v_store(colMax + x0 + 12, m3);
-    cv::v_store(colClean + x0, cv::v_reinterpret_as_s32(c0));
-    cv::v_store(colClean + x0 + 4, cv::v_reinterpret_as_s32(c1));
-    cv::v_store(colClean + x0 + 8, cv::v_reinterpret_as_s32(c2));
-    cv::v_store(colClean + x0 + 12, cv::v_reinterpret_as_s32(c3));
+    cv::v_store(colClean + x0, cv::v_reinterpret_as_s32(c0 == c0));
+    cv::v_store(colClean + x0 + 4, cv::v_reinterpret_as_s32(c1 == c1));
+    cv::v_store(colClean + x0 + 8, cv::v_reinterpret_as_s32(c2 == c2));
+    cv::v_store(colClean + x0 + 12, cv::v_reinterpret_as_s32(c3 == c3));
 #else
     for (int32_t x = x0; x < x0 + kStrip; ++x) columnMax(img, x, y0, y1, colMax, colClean);
 #endif
@@ -246,7 +249,7 @@ void summarise(const ImageSamples& s, const Cuts& cx, const Cuts& cy, std::vecto
                 for (int32_t x = xe - 1; x >= xa; --x) bx = colMax[x] == best ? x : bx;
                 int32_t by = y0;
                 for (int32_t y = y1 - 1; y >= y0; --y) by = rows[y][bx] == best ? y : by;
-                row[next] = Cell{best, bx, by, static_cast<int32_t>(j), true, dirty == 0};
+                row[next] = Cell{rows[by][bx], bx, by, static_cast<int32_t>(j), true, dirty == 0};
             }
         };
         int32_t x = 0;
@@ -374,13 +377,30 @@ SpanBest spanBest(const float* colMax, const int32_t* colClean, int32_t xa, int3
     return r;
 }
 
+/// Column maxima and clean flags of two bands together: out = max(a, b) and
+/// outClean = aClean & bClean (out may be a).
+void mergeColumns(const float* a, const int32_t* aClean, const float* b, const int32_t* bClean, float* out,
+                  int32_t* outClean, int32_t n) {
+    int32_t x = 0;
+#if CV_SIMD128
+    for (; x + 4 <= n; x += 4) {
+        cv::v_store(out + x, cv::v_max(cv::v_load(a + x), cv::v_load(b + x)));
+        cv::v_store(outClean + x, cv::v_load(aClean + x) & cv::v_load(bClean + x));
+    }
+#endif
+    for (; x < n; ++x) {
+        out[x] = std::max(a[x], b[x]);
+        outClean[x] = aClean[x] & bClean[x];
+    }
+}
+
 /// Image search for windows that span few bands of rows. Every band is read
-/// once: reduced to column maxima while its rows are in cache, and those to
-/// the best of each span between column cuts. Bands are kept in a small ring,
-/// since windows only move down the image. A row of windows merges the spans
-/// of its bands (larger value, or on a tie the smaller column), each window
-/// takes the first largest of its spans, and the row of a best is looked up
-/// only when its column passes the border test.
+/// once and reduced to column maxima in registers; bands are kept in a small
+/// ring, since windows only move down the image. A row of windows merges the
+/// column maxima of its bands, each span between column cuts takes its first
+/// largest column, each window the first largest of its spans, and the row of
+/// a best is looked up (in the first band holding the value) only when its
+/// column passes the border test.
 void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::vector<int32_t>& rowStarts,
                         const std::vector<int32_t>& colStarts, const Cuts& cx, const Cuts& cy, int32_t slots,
                         ReportedMask& reported, std::vector<SHX_2DValueI>& peaks) {
@@ -389,11 +409,11 @@ void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::
     const size_t spans = cx.cells();
     std::vector<const float*> rows(static_cast<size_t>(Y));
     for (int32_t y = 0; y < Y; ++y) rows[y] = s.img.ptr<float>(y);
-    std::vector<float> colMax(static_cast<size_t>(slots) * width);
-    std::vector<int32_t> colClean(width);
-    std::vector<SpanBest> bandSpans(static_cast<size_t>(slots) * spans), merged(spans);
+    std::vector<float> colMax(static_cast<size_t>(slots) * width), mergedMax(width);
+    std::vector<int32_t> colClean(static_cast<size_t>(slots) * width), mergedClean(width);
+    std::vector<SpanBest> sp(spans);
     auto slotMax = [&](int32_t band) { return colMax.data() + static_cast<size_t>(band % slots) * width; };
-    auto slotSpans = [&](int32_t band) { return bandSpans.data() + static_cast<size_t>(band % slots) * spans; };
+    auto slotClean = [&](int32_t band) { return colClean.data() + static_cast<size_t>(band % slots) * width; };
 
     std::vector<const float*> bandMax(static_cast<size_t>(slots));  // column maxima of a window's bands
     int32_t bandsDone = 0;
@@ -402,30 +422,21 @@ void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::
         const int32_t ba = cy.index[y0], bb = cy.index[y1];
         for (; bandsDone < bb; ++bandsDone) {
             float* m = slotMax(bandsDone);
+            int32_t* c = slotClean(bandsDone);
             const int32_t b0 = cy.at[bandsDone], b1 = cy.at[bandsDone + 1];
             int32_t x = 0;
-            for (; x + kStrip <= X; x += kStrip) stripColumnMax(s.img, x, b0, b1, m, colClean.data());
-            for (; x < X; ++x) columnMax(s.img, x, b0, b1, m, colClean.data());
-            SpanBest* sp = slotSpans(bandsDone);
-            for (size_t i = 0; i < spans; ++i) sp[i] = spanBest(m, colClean.data(), cx.at[i], cx.at[i + 1]);
+            for (; x + kStrip <= X; x += kStrip) stripColumnMax(s.img, x, b0, b1, m, c);
+            for (; x < X; ++x) columnMax(s.img, x, b0, b1, m, c);
         }
         for (int32_t b = ba; b < bb; ++b) bandMax[b - ba] = slotMax(b);
-        const SpanBest* sp = slotSpans(ba);
-        if (bb - ba > 1) {
-            std::copy(sp, sp + spans, merged.begin());
-            for (int32_t b = ba + 1; b < bb; ++b) {
-                const SpanBest* other = slotSpans(b);
-                for (size_t i = 0; i < spans; ++i) {
-                    SpanBest& t = merged[i];
-                    const SpanBest& o = other[i];
-                    const bool takeOther = (o.value > t.value) | ((o.value == t.value) & (o.col < t.col));
-                    t.col = takeOther ? o.col : t.col;
-                    t.value = std::max(t.value, o.value);
-                    t.clean &= o.clean;
-                }
-            }
-            sp = merged.data();
+        const float* wMax = slotMax(ba);
+        const int32_t* wClean = slotClean(ba);
+        for (int32_t b = ba + 1; b < bb; ++b) {
+            mergeColumns(wMax, wClean, slotMax(b), slotClean(b), mergedMax.data(), mergedClean.data(), X);
+            wMax = mergedMax.data();
+            wClean = mergedClean.data();
         }
+        for (size_t i = 0; i < spans; ++i) sp[i] = spanBest(wMax, wClean, cx.at[i], cx.at[i + 1]);
         for (int32_t x0 : colStarts) {
             const int32_t x1 = static_cast<int32_t>(std::min<int64_t>(int64_t{x0} + W, X));
             const int32_t ka = cx.index[x0], kb = cx.index[x1];
@@ -435,7 +446,7 @@ void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::
                 clean &= sp[i].clean;
                 k = sp[i].value > sp[k].value ? i : k;
             }
-            if (!clean) {
+            if (!clean || sp[k].value < 0.0f) {
                 report(foldWindow(s, x0, x1, y0, y1), x0, y0, W, H, reported, peaks);
                 continue;
             }
@@ -446,7 +457,8 @@ void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::
             while (band < bb - 1 && !(bandMax[band - ba][bx] == best)) ++band;
             int32_t by = cy.at[band];
             for (int32_t y = cy.at[band + 1] - 1; y >= cy.at[band]; --y) by = rows[y][bx] == best ? y : by;
-            report(Best{best, bx, by, true}, x0, y0, W, H, reported, peaks);
+            // The pixel's own value: +0 and -0 compare equal but are kept as found.
+            report(Best{rows[by][bx], bx, by, true}, x0, y0, W, H, reported, peaks);
         }
     }
 }
@@ -511,7 +523,7 @@ void searchWindows(const Samples& s, int32_t W, int32_t H, bool outerMovesY, std
                 }
                 if (bc != nullptr) b = Best{bc->value, bc->x, bc->y, true};
             }
-            if (!useCells || !clean) b = foldWindow(s, x0, x1, y0, y1);
+            if (!useCells || !clean || (b.found && b.value < 0.0)) b = foldWindow(s, x0, x1, y0, y1);
             report(b, x0, y0, W, H, reported, peaks);
         }
     }
