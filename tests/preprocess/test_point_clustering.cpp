@@ -182,6 +182,19 @@ TEST(PointClustering, HugeAndInfiniteThresholdsMakeOneCluster) {
     }
 }
 
+TEST(PointClustering, OverflowingExtent) {
+    // The extent 2e308 overflows; distances across it are infinite, so even
+    // an infinite threshold joins only the points near each other.
+    const double big = std::numeric_limits<double>::max();
+    const std::vector<SKesp3DPosition> v{pt(-big, 0, 1, 0), pt(big, 0, 1, 1), pt(0, 0, 1, 2),
+                                         pt(big, -big, 1, 3), pt(1, 1, 1, 4),  pt(-big, 1, 1, 5)};
+    for (double th : {kInf, 1.5, big}) EXPECT_TRUE(matchesReference(v, th)) << "threshold " << th;
+    std::vector<SKesp3DPosition> in = v;
+    Clusters out;
+    hx_pointClustering(in, kInf, out);
+    EXPECT_EQ(indicesOf(out), (Ids{{0, 5}, {1}, {2, 4}, {3}}));  // 1 and 3 are big apart in y
+}
+
 TEST(PointClustering, NonFiniteCoordinatesJoinNothing) {
     std::vector<SKesp3DPosition> v{pt(kNaN, 0, 1, 0), pt(0, 0, 1, 1), pt(kInf, 0, 1, 2), pt(0.1, kNaN, 1, 3),
                                    pt(0.2, 0, 1, 4),  pt(-kInf, kInf, 1, 5)};
