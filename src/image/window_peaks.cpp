@@ -232,7 +232,10 @@ void summarise(const ImageSamples& s, const Cuts& cx, const Cuts& cy, std::vecto
                 for (int32_t x = xe - 1; x >= xa; --x) bx = colMax[x] == best ? x : bx;
                 int32_t by = y0;
                 for (int32_t y = y1 - 1; y >= y0; --y) by = rows[y][bx] == best ? y : by;
-                row[next] = Cell{rows[by][bx], bx, by, static_cast<int32_t>(j), true};
+                // The pixel's own value keeps the sign of a zero; a column of
+                // NaN has no such pixel and keeps its -inf.
+                const float v = rows[by][bx] == best ? rows[by][bx] : best;
+                row[next] = Cell{v, bx, by, static_cast<int32_t>(j), true};
             }
         };
         int32_t x = 0;
