@@ -14,19 +14,20 @@
 // best is negative, after that only a strictly better one. A best on the
 // window's border (unclipped ends) is rejected; a position is reported once.
 //
-// Speed: in a window without NaN whose largest (or, on a scan, any) value is
-// not negative, that rule picks the best value and, among equal ones, the
-// first in (x, y) order (negative samples met before the first non-negative
-// one cannot equal a non-negative best), a choice that can be combined from
-// parts. The data is therefore cut into cells along every window
-// edge, each cell is summarised once in memory order, and each window combines
-// the few cells it covers. On images whose windows span at most a few bands of
-// rows, the bands are reduced to column maxima in registers and the cells are
-// formed per band (searchImageByBands). Windows holding a NaN or only negative
-// samples fall back to the sample-by-sample rule, and so does everything when
-// windows are so small that cells would hold only a few samples.
+// Speed: when a window's first sample is a number >= 0 (always so on a scan,
+// whose valid z is positive), that rule picks the largest value and, among
+// equal ones, the first in (x, y) order, NaN never replacing anything: a
+// choice that can be combined from parts. The data is therefore cut into
+// cells along every window edge, each cell is summarised once in memory
+// order, and each window combines the few cells it covers. On images whose
+// windows span at most a few bands of rows, the bands are reduced to column
+// maxima in registers and the cells are formed per band
+// (searchImageByBands). Other windows follow the sample-by-sample rule, and
+// so does everything when windows are so small that cells would hold only a
+// few samples.
 #include <algorithm>
 #include <cstdint>
+#include <limits>
 #include <type_traits>
 #include <vector>
 
@@ -48,16 +49,14 @@ struct Best {
     bool found = false;
 };
 
-/// Summary of one cell: its best sample, the cell's row of cells (cells of a
-/// lower band hold only smaller rows, which settles ties in the same column),
-/// and whether it holds no NaN.
+/// Summary of one cell: its best sample and the cell's row of cells (cells of
+/// a lower band hold only smaller rows, which settles ties in one column).
 struct Cell {
     double value = 0.0;
     int32_t x = 0;
     int32_t y = 0;
     int32_t band = 0;
     bool any = false;
-    bool clean = true;
 };
 
 inline bool before(int32_t xa, int32_t ya, int32_t xb, int32_t yb) {
@@ -70,6 +69,8 @@ struct ImageSamples {
     int32_t width() const { return img.cols; }
     int32_t height() const { return img.rows; }
     static bool better(double a, double b) { return a > b; }
+    /// Whether the cell summaries decide the window starting at (x0, y0).
+    bool summariesHold(int32_t x0, int32_t y0) const { return img.ptr<float>(y0)[x0] >= 0.0f; }
 
     template <typename Visit>
     void column(int32_t x, int32_t y0, int32_t y1, Visit visit) const {
@@ -86,6 +87,7 @@ struct ScanSamples {
     int32_t width() const { return lineNum; }
     int32_t height() const { return pointNum; }
     static bool better(double a, double b) { return a < b; }
+    static bool summariesHold(int32_t, int32_t) { return true; }
 
     int32_t pointsOf(int32_t x) const {
         const SKesp3DLaserLine& l = lines[x];
@@ -156,57 +158,41 @@ struct Cuts {
 /// Columns handled together: sixteen floats, one cache line per row.
 constexpr int32_t kStrip = 16;
 
-/// Largest value of column x over the rows [y0, y1), and -1 in colClean when
-/// no value is NaN (0 otherwise). NaN is found through the sum of the column,
-/// which stays NaN once it is; infinities of both signs also give NaN, which
-/// only sends the column to the exact sample-by-sample rule.
-void columnMax(const cv::Mat& img, int32_t x, int32_t y0, int32_t y1, float* colMax, int32_t* colClean) {
-    float m = img.ptr<float>(y0)[x];
-    float sum = m;
-    for (int32_t y = y0 + 1; y < y1; ++y) {
+/// Largest number in column x over the rows [y0, y1); NaN is skipped, so a
+/// column of NaN gives -inf.
+void columnMax(const cv::Mat& img, int32_t x, int32_t y0, int32_t y1, float* colMax) {
+    float m = -std::numeric_limits<float>::infinity();
+    for (int32_t y = y0; y < y1; ++y) {
         const float v = img.ptr<float>(y)[x];
         if (v > m) m = v;
-        sum += v;
     }
     colMax[x] = m;
-    colClean[x] = sum == sum ? -1 : 0;
 }
 
 /// columnMax for the columns [x0, x0 + kStrip). The sixteen columns are
-/// carried in registers down the band, so each pixel costs one load, one max
-/// and one add.
-void stripColumnMax(const cv::Mat& img, int32_t x0, int32_t y0, int32_t y1, float* colMax, int32_t* colClean) {
-#if CV_SIMD128
-    const float* p = img.ptr<float>(y0) + x0;
-    cv::v_float32x4 m0 = cv::v_load(p), m1 = cv::v_load(p + 4), m2 = cv::v_load(p + 8), m3 = cv::v_load(p + 12);
-    cv::v_float32x4 c0 = m0, c1 = m1, c2 = m2, c3 = m3;
-    for (int32_t y = y0 + 1; y < y1; ++y) {
-        p = img.ptr<float>(y) + x0;
-        const cv::v_float32x4 v0 = cv::v_load(p), v1 = cv::v_load(p + 4), v2 = cv::v_load(p + 8),
-                              v3 = cv::v_load(p + 12);
-        m0 = cv::v_max(m0, v0);
-        m1 = cv::v_max(m1, v1);
-        m2 = cv::v_max(m2, v2);
-        m3 = cv::v_max(m3, v3);
-        c0 = c0 + v0;
-        c1 = c1 + v1;
-        c2 = c2 + v2;
-        c3 = c3 + v3;
+/// carried in registers down the band: one load and one max per four pixels.
+/// MAXPS returns its second operand when either is NaN, so with the running
+/// maximum second a NaN pixel never enters it.
+void stripColumnMax(const cv::Mat& img, int32_t x0, int32_t y0, int32_t y1, float* colMax) {
+#if CV_SSE2
+    __m128 m0 = _mm_set1_ps(-std::numeric_limits<float>::infinity()), m1 = m0, m2 = m0, m3 = m0;
+    for (int32_t y = y0; y < y1; ++y) {
+        const float* p = img.ptr<float>(y) + x0;
+        m0 = _mm_max_ps(_mm_loadu_ps(p), m0);
+        m1 = _mm_max_ps(_mm_loadu_ps(p + 4), m1);
+        m2 = _mm_max_ps(_mm_loadu_ps(p + 8), m2);
+        m3 = _mm_max_ps(_mm_loadu_ps(p + 12), m3);
     }
-    cv::v_store(colMax + x0, m0);
-    cv::v_store(colMax + x0 + 4, m1);
-    cv::v_store(colMax + x0 + 8, m2);
-    cv::v_store(colMax + x0 + 12, m3);
-    cv::v_store(colClean + x0, cv::v_reinterpret_as_s32(c0 == c0));
-    cv::v_store(colClean + x0 + 4, cv::v_reinterpret_as_s32(c1 == c1));
-    cv::v_store(colClean + x0 + 8, cv::v_reinterpret_as_s32(c2 == c2));
-    cv::v_store(colClean + x0 + 12, cv::v_reinterpret_as_s32(c3 == c3));
+    _mm_storeu_ps(colMax + x0, m0);
+    _mm_storeu_ps(colMax + x0 + 4, m1);
+    _mm_storeu_ps(colMax + x0 + 8, m2);
+    _mm_storeu_ps(colMax + x0 + 12, m3);
 #else
-    for (int32_t x = x0; x < x0 + kStrip; ++x) columnMax(img, x, y0, y1, colMax, colClean);
+    for (int32_t x = x0; x < x0 + kStrip; ++x) columnMax(img, x, y0, y1, colMax);
 #endif
 }
 
-/// Largest of colMax[xa .. xe) (only used when all of them are numbers).
+/// Largest of colMax[xa .. xe) (column maxima are never NaN).
 float cellMax(const float* colMax, int32_t xa, int32_t xe) {
     int32_t x = xa;
     float best = colMax[x];
@@ -221,8 +207,8 @@ float cellMax(const float* colMax, int32_t xa, int32_t xe) {
     return best;
 }
 
-/// Cell summaries of an image, band of rows by band of rows. For a clean cell
-/// the best is the first column (from the left) whose maximum is the cell's
+/// Cell summaries of an image, band of rows by band of rows. The best is the
+/// first column (from the left) whose maximum is the cell's
 /// maximum, at the first row of that column holding it: exactly the first
 /// maximum in column order. Cells are finished as soon as their last column
 /// is known, while the band's rows of that strip are still in cache.
@@ -230,7 +216,6 @@ void summarise(const ImageSamples& s, const Cuts& cx, const Cuts& cy, std::vecto
     const size_t ncx = cx.cells();
     const int32_t width = s.width();
     std::vector<float> colMax(static_cast<size_t>(width));
-    std::vector<int32_t> colClean(static_cast<size_t>(width));
     std::vector<const float*> rows(static_cast<size_t>(s.height()));
     for (int32_t y = 0; y < s.height(); ++y) rows[y] = s.img.ptr<float>(y);
     for (size_t j = 0; j < cy.cells(); ++j) {
@@ -241,29 +226,29 @@ void summarise(const ImageSamples& s, const Cuts& cx, const Cuts& cy, std::vecto
             for (; next < ncx && cx.at[next + 1] <= done; ++next) {
                 const int32_t xa = cx.at[next], xe = cx.at[next + 1];
                 const float best = cellMax(colMax.data(), xa, xe);
-                int32_t dirty = 0;
-                for (int32_t x = xa; x < xe; ++x) dirty |= ~colClean[x];
                 // First column and first row holding the maximum; the walks go
                 // backwards so that the last match, the first position, stays.
                 int32_t bx = xa;
                 for (int32_t x = xe - 1; x >= xa; --x) bx = colMax[x] == best ? x : bx;
                 int32_t by = y0;
                 for (int32_t y = y1 - 1; y >= y0; --y) by = rows[y][bx] == best ? y : by;
-                row[next] = Cell{rows[by][bx], bx, by, static_cast<int32_t>(j), true, dirty == 0};
+                // The pixel's own value keeps the sign of a zero; a column of
+                // NaN has no such pixel and keeps its -inf.
+                const float v = rows[by][bx] == best ? rows[by][bx] : best;
+                row[next] = Cell{v, bx, by, static_cast<int32_t>(j), true};
             }
         };
         int32_t x = 0;
         for (; x + kStrip <= width; x += kStrip) {
-            stripColumnMax(s.img, x, y0, y1, colMax.data(), colClean.data());
+            stripColumnMax(s.img, x, y0, y1, colMax.data());
             finishCellsUpTo(x + kStrip);
         }
-        for (; x < width; ++x) columnMax(s.img, x, y0, y1, colMax.data(), colClean.data());
+        for (; x < width; ++x) columnMax(s.img, x, y0, y1, colMax.data());
         finishCellsUpTo(width);
     }
 }
 
-/// Cell summaries of a scan, read line by line. Valid z is positive, so every
-/// cell is clean.
+/// Cell summaries of a scan, read line by line.
 void summarise(const ScanSamples& s, const Cuts& cx, const Cuts& cy, std::vector<Cell>& cells) {
     const size_t ncx = cx.cells();
     for (size_t i = 0; i < ncx; ++i) {
@@ -277,7 +262,7 @@ void summarise(const ScanSamples& s, const Cuts& cx, const Cuts& cy, std::vector
                     const double z = p[y].z;
                     // Earlier lines and points came first: only a smaller z wins.
                     if (pa_detail::isValidZ(z) && (!c.any || z < c.value)) {
-                        c = Cell{z, x, y, static_cast<int32_t>(j), true, true};
+                        c = Cell{z, x, y, static_cast<int32_t>(j), true};
                     }
                 }
             }
@@ -331,67 +316,40 @@ inline int32_t lowestBit(uint64_t mask) {
 #endif
 }
 
-/// Best of a span of columns [xa, xe) of one band: the largest column maximum,
-/// the first column holding it, and whether all columns are clean.
+/// Best of a span of columns [xa, xe): the largest column maximum and the
+/// first column holding it.
 struct SpanBest {
     float value;
     int32_t col;
-    int32_t clean;  // -1 clean, 0 dirty
 };
 
-SpanBest spanBest(const float* colMax, const int32_t* colClean, int32_t xa, int32_t xe) {
+SpanBest spanBest(const float* colMax, int32_t xa, int32_t xe) {
     constexpr int32_t kMaskBits = 64;
-    SpanBest r{colMax[xa], xa, -1};
+    SpanBest r{cellMax(colMax, xa, xe), xa};
 #if CV_SIMD128
     if (xe - xa >= 4 && xe - xa <= kMaskBits) {
-        cv::v_float32x4 m = cv::v_load(colMax + xa);
-        cv::v_int32x4 c = cv::v_load(colClean + xa);
-        int32_t x = xa + 4;
-        for (; x + 4 <= xe; x += 4) {
-            m = cv::v_max(m, cv::v_load(colMax + x));
-            c = c & cv::v_load(colClean + x);
-        }
-        r.value = cv::v_reduce_max(m);
-        r.clean = cv::v_check_all(c) ? -1 : 0;
-        for (; x < xe; ++x) {
-            r.value = std::max(r.value, colMax[x]);
-            r.clean &= colClean[x];
-        }
         const cv::v_float32x4 best = cv::v_setall_f32(r.value);
         uint64_t mask = 0;
-        int32_t bit = 0;
-        for (x = xa; x + 4 <= xe; x += 4, bit += 4) {
+        int32_t x = xa, bit = 0;
+        for (; x + 4 <= xe; x += 4, bit += 4) {
             mask |= static_cast<uint64_t>(cv::v_signmask(cv::v_load(colMax + x) == best)) << bit;
         }
         for (; x < xe; ++x, ++bit) mask |= static_cast<uint64_t>(colMax[x] == r.value) << bit;
-        if (mask != 0) r.col = xa + lowestBit(mask);  // zero only for a dirty span
+        r.col = xa + lowestBit(mask);
         return r;
     }
 #endif
-    for (int32_t x = xa + 1; x < xe; ++x) {
-        r.value = std::max(r.value, colMax[x]);
-        r.clean &= colClean[x];
-    }
-    r.clean &= colClean[xa];
     for (int32_t x = xe - 1; x >= xa; --x) r.col = colMax[x] == r.value ? x : r.col;
     return r;
 }
 
-/// Column maxima and clean flags of two bands together: out = max(a, b) and
-/// outClean = aClean & bClean (out may be a).
-void mergeColumns(const float* a, const int32_t* aClean, const float* b, const int32_t* bClean, float* out,
-                  int32_t* outClean, int32_t n) {
+/// Column maxima of two bands together: out = max(a, b) (out may be a).
+void mergeColumns(const float* a, const float* b, float* out, int32_t n) {
     int32_t x = 0;
 #if CV_SIMD128
-    for (; x + 4 <= n; x += 4) {
-        cv::v_store(out + x, cv::v_max(cv::v_load(a + x), cv::v_load(b + x)));
-        cv::v_store(outClean + x, cv::v_load(aClean + x) & cv::v_load(bClean + x));
-    }
+    for (; x + 4 <= n; x += 4) cv::v_store(out + x, cv::v_max(cv::v_load(a + x), cv::v_load(b + x)));
 #endif
-    for (; x < n; ++x) {
-        out[x] = std::max(a[x], b[x]);
-        outClean[x] = aClean[x] & bClean[x];
-    }
+    for (; x < n; ++x) out[x] = std::max(a[x], b[x]);
 }
 
 /// Image search for windows that span few bands of rows. Every band is read
@@ -410,10 +368,8 @@ void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::
     std::vector<const float*> rows(static_cast<size_t>(Y));
     for (int32_t y = 0; y < Y; ++y) rows[y] = s.img.ptr<float>(y);
     std::vector<float> colMax(static_cast<size_t>(slots) * width), mergedMax(width);
-    std::vector<int32_t> colClean(static_cast<size_t>(slots) * width), mergedClean(width);
     std::vector<SpanBest> sp(spans);
     auto slotMax = [&](int32_t band) { return colMax.data() + static_cast<size_t>(band % slots) * width; };
-    auto slotClean = [&](int32_t band) { return colClean.data() + static_cast<size_t>(band % slots) * width; };
 
     std::vector<const float*> bandMax(static_cast<size_t>(slots));  // column maxima of a window's bands
     int32_t bandsDone = 0;
@@ -422,34 +378,27 @@ void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::
         const int32_t ba = cy.index[y0], bb = cy.index[y1];
         for (; bandsDone < bb; ++bandsDone) {
             float* m = slotMax(bandsDone);
-            int32_t* c = slotClean(bandsDone);
             const int32_t b0 = cy.at[bandsDone], b1 = cy.at[bandsDone + 1];
             int32_t x = 0;
-            for (; x + kStrip <= X; x += kStrip) stripColumnMax(s.img, x, b0, b1, m, c);
-            for (; x < X; ++x) columnMax(s.img, x, b0, b1, m, c);
+            for (; x + kStrip <= X; x += kStrip) stripColumnMax(s.img, x, b0, b1, m);
+            for (; x < X; ++x) columnMax(s.img, x, b0, b1, m);
         }
         for (int32_t b = ba; b < bb; ++b) bandMax[b - ba] = slotMax(b);
         const float* wMax = slotMax(ba);
-        const int32_t* wClean = slotClean(ba);
         for (int32_t b = ba + 1; b < bb; ++b) {
-            mergeColumns(wMax, wClean, slotMax(b), slotClean(b), mergedMax.data(), mergedClean.data(), X);
+            mergeColumns(wMax, slotMax(b), mergedMax.data(), X);
             wMax = mergedMax.data();
-            wClean = mergedClean.data();
         }
-        for (size_t i = 0; i < spans; ++i) sp[i] = spanBest(wMax, wClean, cx.at[i], cx.at[i + 1]);
+        for (size_t i = 0; i < spans; ++i) sp[i] = spanBest(wMax, cx.at[i], cx.at[i + 1]);
         for (int32_t x0 : colStarts) {
             const int32_t x1 = static_cast<int32_t>(std::min<int64_t>(int64_t{x0} + W, X));
             const int32_t ka = cx.index[x0], kb = cx.index[x1];
-            int32_t k = ka;
-            int32_t clean = sp[ka].clean;
-            for (int32_t i = ka + 1; i < kb; ++i) {
-                clean &= sp[i].clean;
-                k = sp[i].value > sp[k].value ? i : k;
-            }
-            if (!clean || sp[k].value < 0.0f) {
+            if (!s.summariesHold(x0, y0)) {
                 report(foldWindow(s, x0, x1, y0, y1), x0, y0, W, H, reported, peaks);
                 continue;
             }
+            int32_t k = ka;
+            for (int32_t i = ka + 1; i < kb; ++i) k = sp[i].value > sp[k].value ? i : k;
             const int32_t bx = sp[k].col;
             const float best = sp[k].value;
             if (bx == x0 || int64_t{bx} == int64_t{x0} + W - 1) continue;
@@ -502,15 +451,14 @@ void searchWindows(const Samples& s, int32_t W, int32_t H, bool outerMovesY, std
             const int32_t x1 = static_cast<int32_t>(std::min<int64_t>(int64_t{x0} + W, X));
             const int32_t y1 = static_cast<int32_t>(std::min<int64_t>(int64_t{y0} + H, Y));
             Best b;
-            bool clean = true;
-            if (useCells) {
+            const bool summaries = useCells && s.summariesHold(x0, y0);
+            if (summaries) {
                 const size_t ncx = cx.cells();
                 const Cell* bc = nullptr;
                 for (int32_t j = cy.index[y0]; j < cy.index[y1]; ++j) {
                     for (int32_t k = cx.index[x0]; k < cx.index[x1]; ++k) {
                         const Cell* c = &cells[static_cast<size_t>(j) * ncx + static_cast<size_t>(k)];
                         if (!c->any) continue;
-                        clean &= c->clean;
                         if (bc == nullptr) {
                             bc = c;
                             continue;
@@ -523,7 +471,7 @@ void searchWindows(const Samples& s, int32_t W, int32_t H, bool outerMovesY, std
                 }
                 if (bc != nullptr) b = Best{bc->value, bc->x, bc->y, true};
             }
-            if (!useCells || !clean || (b.found && b.value < 0.0)) b = foldWindow(s, x0, x1, y0, y1);
+            if (!summaries) b = foldWindow(s, x0, x1, y0, y1);
             report(b, x0, y0, W, H, reported, peaks);
         }
     }
