@@ -122,9 +122,9 @@ const char* typeName(int type) {
     return type >= 0 && type < 16 ? names[type] : "?";
 }
 
-void printReport(const PipelineResult& r, const Options& o, const SyntheticScanSpec* spec) {
+void printReport(const PipelineResult& r, const Options& o, const SyntheticScanSpec* scene) {
     std::printf("Scan: %s, %d lines x %d points (pitch %.3g x %.3g), %ld valid points\n\n",
-                spec ? "built-in synthetic scene" : o.scanPath.c_str(), r.lines, r.points, r.pitchX, r.pitchY,
+                scene ? "built-in synthetic scene" : o.scanPath.c_str(), r.lines, r.points, r.pitchX, r.pitchY,
                 r.validPoints);
 
     std::printf("1. Bounding box of the valid points\n");
@@ -139,7 +139,7 @@ void printReport(const PipelineResult& r, const Options& o, const SyntheticScanS
         std::printf("   plane height:          %.4f\n", r.calib.planeHeight);
         std::printf("   recovered tilt:        roll %.4f pitch %.4f yaw %.4f degrees\n", r.tilt.roll, r.tilt.pitch,
                     r.tilt.yaw);
-        if (spec) std::printf("   built-in tilt:         roll %.4f pitch %.4f degrees\n", spec->rollDeg, spec->pitchDeg);
+        if (scene) std::printf("   built-in tilt:         roll %.4f pitch %.4f degrees\n", scene->rollDeg, scene->pitchDeg);
         std::printf("   floor height spread:   %.4f before, %.4f after levelling (std dev, %ld floor points)\n",
                     r.floorSpreadBefore, r.floorSpreadAfter, r.floorPoints);
         if (o.cfg.heightLimit > 0)
@@ -209,17 +209,17 @@ void printReport(const PipelineResult& r, const Options& o, const SyntheticScanS
 int main(int argc, char** argv) {
     Options o = parseArgs(argc, argv);
     Scan scan;
-    SyntheticScanSpec spec;
+    SyntheticScanSpec scene;
     const bool builtIn = o.scanPath.empty();
     if (builtIn) {
-        scan = makeSyntheticScan(spec);
+        scan = makeSyntheticScan(scene);
     } else {
         std::string error;
         if (!loadScan(o.scanPath, o.units, scan, error)) fail(error);
     }
     deriveDefaults(scan, o.cfg, builtIn);
     PipelineResult r = runPipeline(scan, o.cfg);
-    printReport(r, o, builtIn ? &spec : nullptr);
+    printReport(r, o, builtIn ? &scene : nullptr);
     std::string error;
     if (writePicture(r, o.outPath, error))
         std::printf("\nPicture: %s\n", o.outPath.c_str());

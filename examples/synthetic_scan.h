@@ -26,7 +26,7 @@ struct SyntheticScanSpec {
 /// of heights of its own (that is how plane calibration finds it). The scan is this scene rotated by the sensor's
 /// tilt (about the scan's centre), with noise, specks and runs of missing
 /// points (z = 0). One vector per scan line; nPointIdx = point index.
-std::vector<std::vector<SKesp3DPosition>> makeSyntheticScan(const SyntheticScanSpec& spec);
+std::vector<std::vector<SKesp3DPosition>> makeSyntheticScan(const SyntheticScanSpec& scene);
 
 /// Where the built-in scene's objects lie, for the report.
 struct SyntheticScene {
