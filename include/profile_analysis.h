@@ -397,7 +397,9 @@ PA_API void eulerToRotationMatrixZYX(const SHX_EulerAngles& e, double R[3][3]);
 /// thing in the scan, its heights should span six units or more (a tilted
 /// surface does) for its counts to rise to a peak; otherwise name the surface
 /// with hx_getPlaneCalibPara_ROIs. Working memory: two 32-bit counters per
-/// unit of height span; the scan is read four times.
+/// unit of height span and 40 bytes per 64 points; the scan is read three
+/// times, then only the parts of the band that can hold its lowest levelled
+/// point.
 /// @param[in] lines    array of lineNum scan lines (read only); lines with
 ///                     nPositionCnt < 1 are skipped; points with z < 0.0001
 ///                     are ignored

@@ -3,6 +3,7 @@
 // and derives the rotation that levels it and the levelled plane height.
 #include <algorithm>
 #include <cfloat>
+#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <vector>
@@ -38,6 +39,15 @@ constexpr int32_t kSmoothRadius = 5;
 constexpr int64_t kPeakShareDivisor = 10;
 /// A band ends at a valley lower than peak / kValleyDepthDivisor.
 constexpr int32_t kValleyDepthDivisor = 2;
+/// The band pass splits each line into blocks of this many consecutive points
+/// and keeps the bounding box of each block's band points, so that the search
+/// for the lowest levelled height reads only the few blocks that can hold it.
+/// Small blocks give tight boxes; the boxes cost 40 bytes per block.
+constexpr int kBlockPoints = 64;
+/// Relative slack subtracted from a block's lower bound, far above the few
+/// rounding errors by which two evaluations of the same levelled height can
+/// differ (for instance when a compiler fuses one of them into an FMA).
+constexpr double kBoundSlack = 64 * DBL_EPSILON;
 
 /// One scan line as a pointer and a count; a scan is a vector of them, so one
 /// routine serves scans held as line records and as vectors of vectors.
@@ -198,109 +208,258 @@ void bandLimits(const std::vector<HistogramEntry>& valleys, int32_t peakBin, int
     }
 }
 
-/// Calls fn(point) for every calibration point with zLow <= z <= zHigh, in
-/// scan order, the point converted to single precision. The band lies within
-/// the scan's range of calibration heights, so the band test alone also
-/// rejects unmeasured and non-finite heights.
-template <typename Fn>
-void forEachBandPoint(const ScanView& scan, double zLow, double zHigh, Fn&& fn) {
-    for (const LineSpan& line : scan) {
-        const SKesp3DPosition* p = line.pts;
-        for (int64_t i = 0; i < line.count; ++i) {
-            const double z = p[i].z;
-            if (!(z >= zLow && z <= zHigh)) continue;
-            fn(cv::Point3f(static_cast<float>(p[i].x), static_cast<float>(p[i].y), static_cast<float>(z)));
-        }
-    }
+/// Writes point p, converted to single precision, to out[m] and returns the
+/// count of band points in out: m + 1 if p lies in the band, else m (the slot
+/// is then overwritten by the next point). The band lies within the scan's
+/// range of calibration heights, so the band test alone also rejects
+/// unmeasured and non-finite heights. No branch: the band edges are noisy,
+/// and a branch there would be mispredicted.
+inline int gatherBandPoint(const SKesp3DPosition& p, double zLow, double zHigh, cv::Point3f* out, int m) {
+    out[m] = cv::Point3f(static_cast<float>(p.x), static_cast<float>(p.y), static_cast<float>(p.z));
+    return m + ((p.z >= zLow) & (p.z <= zHigh));
 }
 
-/// Least-squares sums of a stream of points, added in arrival order. The
-/// points pass through a small buffer and are summed from there: GCC 12 at
-/// -O3 was seen to vectorise a loop that converts to float and sums at once
-/// with the unrounded doubles, which changes the sums in their last bits.
+/// The band points of p[0 .. n) in single precision, in order, into `out`;
+/// returns their number.
+inline int bandPointsOf(const SKesp3DPosition* p, int n, double zLow, double zHigh, cv::Point3f* out) {
+    int m = 0;
+    for (int i = 0; i < n; ++i) m = gatherBandPoint(p[i], zLow, zHigh, out, m);
+    return m;
+}
+
+/// Least-squares sums of a stream of single-precision points, added in
+/// arrival order.
 class StreamingPlaneSums {
 public:
+#if CV_SIMD128_64F
+    // The sums in pairs: (x, y) times x, y, z and 1 gives (x^2, xy),
+    // (yx, y^2), (xz, yz) and (x, y); z is summed alone. Each sum gets
+    // exactly the terms of PlaneSums::add in the same order, so the result is
+    // bit for bit the same, in fewer instructions. (yx is a second copy of
+    // xy and is dropped.)
     void add(const cv::Point3f& p) {
-        buffer_[size_++] = p;
-        if (size_ == kBufferSize) flush();
+        const cv::v_float64x2 xy = cv::v_cvt_f64(cv::v_load_low(&p.x));
+        const double z = p.z;
+        byX_ = byX_ + cv::v_combine_low(xy, xy) * xy;
+        byY_ = byY_ + cv::v_combine_high(xy, xy) * xy;
+        byZ_ = byZ_ + cv::v_setall_f64(z) * xy;
+        byOne_ = byOne_ + xy;
+        sz_ += z;
+        ++m_;
     }
-    const pa_detail::PlaneSums& sums() {
-        flush();
-        return sums_;
+    pa_detail::PlaneSums sums() const {
+        pa_detail::PlaneSums s;
+        s.sxx = byX_.get0();
+        s.sxy = cv::v_extract_n<1>(byX_);
+        s.syy = cv::v_extract_n<1>(byY_);
+        s.sxz = byZ_.get0();
+        s.syz = cv::v_extract_n<1>(byZ_);
+        s.sx = byOne_.get0();
+        s.sy = cv::v_extract_n<1>(byOne_);
+        s.sz = sz_;
+        s.m = m_;
+        return s;
     }
 
 private:
-    // Small, so that summing one batch overlaps with reading the next.
-    static constexpr int kBufferSize = 64;
-    void flush() {
-#if CV_SIMD128_64F
-        // The eight sums in four pairs, each lane adding exactly the terms of
-        // the scalar sum in the same order (products with 1.0 are exact), so
-        // the result is bit for bit that of PlaneSums::add, in half the adds.
-        using cv::v_float64x2;
-        v_float64x2 a0(sums_.sxx, sums_.sxy), a1(sums_.syy, sums_.sx);
-        v_float64x2 a2(sums_.sy, sums_.sxz), a3(sums_.syz, sums_.sz);
-        for (int k = 0; k < size_; ++k) {
-            const double x = buffer_[k].x, y = buffer_[k].y, z = buffer_[k].z;
-            const v_float64x2 yx(y, x), y1(y, 1.0);
-            a0 = a0 + v_float64x2(x, x) * v_float64x2(x, y);  // x^2, xy
-            a1 = a1 + yx * y1;                                 // y^2, x
-            a2 = a2 + yx * v_float64x2(1.0, z);                // y, xz
-            a3 = a3 + y1 * v_float64x2(z, z);                  // yz, z
-        }
-        sums_.sxx = a0.get0();
-        sums_.sxy = cv::v_extract_n<1>(a0);
-        sums_.syy = a1.get0();
-        sums_.sx = cv::v_extract_n<1>(a1);
-        sums_.sy = a2.get0();
-        sums_.sxz = cv::v_extract_n<1>(a2);
-        sums_.syz = a3.get0();
-        sums_.sz = cv::v_extract_n<1>(a3);
-        sums_.m += size_;
+    cv::v_float64x2 byX_ = cv::v_setzero_f64(), byY_ = byX_, byZ_ = byX_, byOne_ = byX_;
+    double sz_ = 0.0;
+    int64_t m_ = 0;
 #else
-        for (int k = 0; k < size_; ++k) sums_.add(buffer_[k]);
-#endif
-        size_ = 0;
-    }
+    void add(const cv::Point3f& p) { sums_.add(p); }
+    const pa_detail::PlaneSums& sums() const { return sums_; }
+
+private:
     pa_detail::PlaneSums sums_;
-    cv::Point3f buffer_[kBufferSize];
-    int size_ = 0;
+#endif
 };
 
-/// The lowest levelled height of a stream of points: row 2 of the levelling
-/// rotation times the single-precision point, in double, rounded to single
+/// A block of consecutive points of one line and the single-precision
+/// bounding box of its band points (at least one).
+struct BandBlock {
+    const SKesp3DPosition* pts;
+    int32_t count;
+    cv::Point3f lo, hi;
+};
+
+static_assert(kBlockPoints % 4 == 0, "the box is taken four points at a time");
+
+/// Bounding box of the first m >= 1 of kBlockPoints points; pads them with
+/// copies of the first point up to a multiple of four. A NaN coordinate is
+/// left out of its range (its point's levelled height is NaN, which never
+/// becomes the lowest).
+void boundingBox(cv::Point3f* pts, int m, cv::Point3f& lo, cv::Point3f& hi) {
+    constexpr float kInf = std::numeric_limits<float>::infinity();
+    for (int k = m; k % 4 != 0; ++k) pts[k] = pts[0];
+    float l[12], h[12];
+#if CV_SIMD128
+    // Four points are three vectors (x0 y0 z0 x1 | y1 z1 x2 y2 | z2 x3 y3 z3);
+    // each vector position keeps one coordinate, so the positions holding
+    // the same coordinate are combined at the end.
+    using cv::v_float32x4;
+    const float* f = &pts[0].x;
+    v_float32x4 lo0 = cv::v_setall_f32(kInf), lo1 = lo0, lo2 = lo0;
+    v_float32x4 hi0 = cv::v_setall_f32(-kInf), hi1 = hi0, hi2 = hi0;
+    // A comparison and a select, not v_min / v_max, so that a NaN is skipped
+    // on every instruction set.
+    auto lower = [](const v_float32x4& v, const v_float32x4& acc) { return cv::v_select(v < acc, v, acc); };
+    auto higher = [](const v_float32x4& v, const v_float32x4& acc) { return cv::v_select(v > acc, v, acc); };
+    for (int k = 0; k < m; k += 4, f += 12) {
+        const v_float32x4 v0 = cv::v_load(f), v1 = cv::v_load(f + 4), v2 = cv::v_load(f + 8);
+        lo0 = lower(v0, lo0);
+        lo1 = lower(v1, lo1);
+        lo2 = lower(v2, lo2);
+        hi0 = higher(v0, hi0);
+        hi1 = higher(v1, hi1);
+        hi2 = higher(v2, hi2);
+    }
+    cv::v_store(l, lo0);
+    cv::v_store(l + 4, lo1);
+    cv::v_store(l + 8, lo2);
+    cv::v_store(h, hi0);
+    cv::v_store(h + 4, hi1);
+    cv::v_store(h + 8, hi2);
+#else
+    std::fill(l, l + 12, kInf);
+    std::fill(h, h + 12, -kInf);
+    const float* f = &pts[0].x;
+    for (int k = 0; k < m * 3; k += 12, f += 12)
+        for (int j = 0; j < 12; ++j) {
+            l[j] = f[j] < l[j] ? f[j] : l[j];
+            h[j] = f[j] > h[j] ? f[j] : h[j];
+        }
+#endif
+    // Coordinate c of point i sits at position (3 i + c) mod 12.
+    float box[6] = {kInf, kInf, kInf, -kInf, -kInf, -kInf};
+    for (int j = 0; j < 12; ++j) {
+        float& low = box[j % 3];
+        float& high = box[3 + j % 3];
+        low = l[j] < low ? l[j] : low;
+        high = h[j] > high ? h[j] : high;
+    }
+    lo = cv::Point3f(box[0], box[1], box[2]);
+    hi = cv::Point3f(box[3], box[4], box[5]);
+}
+
+/// Least-squares sums of the band points in scan order; appends a BandBlock
+/// for every block that holds band points. The band points are gathered one
+/// block at a time into a buffer (GCC 12 at -O3 was seen to vectorise a loop
+/// that converts to float and sums at once with the unrounded doubles, which
+/// changes the sums in their last bits), and each block is summed while the
+/// next one is gathered: the sums are a chain of dependent additions, and
+/// interleaved with the reads they cost little more than the reads alone.
+PA_PASS pa_detail::PlaneSums sumBand(const ScanView& scan, double zLow, double zHigh,
+                                     std::vector<BandBlock>& blocks) {
+    StreamingPlaneSums sums;
+    cv::Point3f buffers[2][kBlockPoints];
+    cv::Point3f* gathered = buffers[0];  // the block being read
+    cv::Point3f* pending = buffers[1];   // the previous block's band points, to be summed
+    int pendingCount = 0;
+    for (const LineSpan& line : scan) {
+        for (int64_t s = 0; s < line.count; s += kBlockPoints) {
+            const SKesp3DPosition* p = line.pts + s;
+            const int n = static_cast<int>(std::min<int64_t>(kBlockPoints, line.count - s));
+            const int both = std::min(n, pendingCount);
+            int m = 0, i = 0;
+            for (; i < both; ++i) {
+                m = gatherBandPoint(p[i], zLow, zHigh, gathered, m);
+                sums.add(pending[i]);
+            }
+            for (; i < n; ++i) m = gatherBandPoint(p[i], zLow, zHigh, gathered, m);
+            for (; i < pendingCount; ++i) sums.add(pending[i]);
+            pendingCount = m;
+            if (m == 0) continue;
+            BandBlock b{p, n, {}, {}};
+            boundingBox(gathered, m, b.lo, b.hi);
+            blocks.push_back(b);
+            std::swap(gathered, pending);
+        }
+    }
+    for (int i = 0; i < pendingCount; ++i) sums.add(pending[i]);
+    return sums.sums();
+}
+
+/// The levelled height of a single-precision point before rounding: row 2 of
+/// the levelling rotation times the point, in double.
+inline double levelledHeight(const double* rotation, double x, double y, double z) {
+    return rotation[6] * x + rotation[7] * y + rotation[8] * z;
+}
+
+/// The lowest levelled height of a stream of points, rounded to single
 /// precision; 0.0 when no point arrives.
 class LowestLevelledHeight {
 public:
-    explicit LowestLevelledHeight(const double* rotation)
-        : m6_(rotation[6]), m7_(rotation[7]), m8_(rotation[8]) {}
+    explicit LowestLevelledHeight(const double* rotation) : rotation_(rotation) {}
     // Starting from +inf, a strict comparison keeps the first of equal
     // heights, as a minimum seeded with the first point would.
     void add(const cv::Point3f& p) {
-        const float z = static_cast<float>(m6_ * p.x + m7_ * p.y + m8_ * p.z);
+        const float z = static_cast<float>(levelledHeight(rotation_, p.x, p.y, p.z));
         lowest_ = z < lowest_ ? z : lowest_;
         ++count_;
     }
+    float lowest() const { return lowest_; }
     double value() const { return count_ > 0 ? lowest_ : 0.0; }
 
 private:
-    double m6_, m7_, m8_;
+    const double* rotation_;
     float lowest_ = std::numeric_limits<float>::infinity();
     int64_t count_ = 0;
 };
 
-/// Least-squares sums of the band points in scan order.
-PA_PASS pa_detail::PlaneSums sumBand(const ScanView& scan, double zLow, double zHigh) {
-    StreamingPlaneSums sums;
-    forEachBandPoint(scan, zLow, zHigh, [&sums](const cv::Point3f& p) { sums.add(p); });
-    return sums.sums();
+/// A value no band point of the block can go below once levelled and rounded.
+/// The levelled height only adds rounded products, and rounding is monotonic,
+/// so it is lowest at the corner of the box where each coordinate is at its
+/// low end for a non-negative coefficient and at its high end otherwise. NaN
+/// (from infinite coordinates) rules nothing out.
+float lowerBound(const BandBlock& b, const double* rotation) {
+    const double x = rotation[6] >= 0.0 ? b.lo.x : b.hi.x;
+    const double y = rotation[7] >= 0.0 ? b.lo.y : b.hi.y;
+    const double z = rotation[8] >= 0.0 ? b.lo.z : b.hi.z;
+    const double magnitude =
+        std::fabs(rotation[6] * x) + std::fabs(rotation[7] * y) + std::fabs(rotation[8] * z);
+    return static_cast<float>(levelledHeight(rotation, x, y, z) - kBoundSlack * magnitude);
 }
 
-/// Lowest levelled height of the band points (0.0 without any).
-PA_PASS double lowestBandHeight(const ScanView& scan, double zLow, double zHigh, const double* rotation) {
+void addBlock(const BandBlock& b, double zLow, double zHigh, LowestLevelledHeight& lowest) {
+    cv::Point3f band[kBlockPoints];
+    const int m = bandPointsOf(b.pts, b.count, zLow, zHigh, band);
+    for (int k = 0; k < m; ++k) lowest.add(band[k]);
+}
+
+/// Lowest levelled height of the band points (0.0 without any). The block
+/// with the lowest bound is read first, which usually finds the minimum or
+/// comes close; then the blocks are read in scan order, skipping every block
+/// whose bound lies above the lowest height found. A skipped block's heights
+/// all lie strictly above the minimum, so the result is that of reading every
+/// band point in scan order, down to which of two equal heights (+0 and -0)
+/// is kept.
+PA_PASS double lowestBandHeight(const std::vector<BandBlock>& blocks, double zLow, double zHigh,
+                                const double* rotation) {
+    if (blocks.empty()) return 0.0;
+    size_t first = 0;
+    float firstBound = lowerBound(blocks[0], rotation);
+    for (size_t k = 1; k < blocks.size(); ++k) {
+        const float bound = lowerBound(blocks[k], rotation);
+        if (bound < firstBound) {
+            first = k;
+            firstBound = bound;
+        }
+    }
+    LowestLevelledHeight probe(rotation);
+    addBlock(blocks[first], zLow, zHigh, probe);
     LowestLevelledHeight lowest(rotation);
-    forEachBandPoint(scan, zLow, zHigh, [&lowest](const cv::Point3f& p) { lowest.add(p); });
-    return lowest.value();
+    for (const BandBlock& b : blocks) {
+        if (lowerBound(b, rotation) > std::min(probe.lowest(), lowest.lowest())) continue;
+        addBlock(b, zLow, zHigh, lowest);
+    }
+    return lowest.lowest();
+}
+
+/// The most blocks the band pass can record.
+size_t blockCapacity(const ScanView& scan) {
+    size_t n = 0;
+    for (const LineSpan& line : scan) n += static_cast<size_t>((line.count + kBlockPoints - 1) / kBlockPoints);
+    return n;
 }
 
 /// The levelling rotation of a fitted plane (a, b, -1, e), which turns its
@@ -339,11 +498,14 @@ SHX_planeCalibPara calibrateScan(const ScanView& scan) {
     const double zLow = low >= 0 ? zr.min + low : zr.min;
     const double zHigh = high >= 0 ? zr.min + high : zr.max;
 
-    // The band is walked twice, once for the fit and once for the height of
-    // the levelled points, instead of being stored: a stored band is as large
-    // as the floor, and filling fresh memory costs more than a second read.
-    SHX_planeCalibPara r = levellingRotations(pa_detail::solvePlane(sumBand(scan, zLow, zHigh)));
-    r.planeHeight = lowestBandHeight(scan, zLow, zHigh, r.planeCalib);
+    // The band is not stored (it is as large as the floor, and filling that
+    // much fresh memory costs more than reading it again): the fit sums it in
+    // one pass, and the plane height rereads only the blocks of it that can
+    // hold the lowest levelled point.
+    std::vector<BandBlock> blocks;
+    blocks.reserve(blockCapacity(scan));
+    SHX_planeCalibPara r = levellingRotations(pa_detail::solvePlane(sumBand(scan, zLow, zHigh, blocks)));
+    r.planeHeight = lowestBandHeight(blocks, zLow, zHigh, r.planeCalib);
     return r;
 }
 

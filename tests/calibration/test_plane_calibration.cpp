@@ -392,6 +392,94 @@ TEST(PlaneCalib, MatchesPlainReferenceOnTallHistograms) {
 }
 
 // ---------------------------------------------------------------------------
+// The plane height reads only the parts of the band that can hold the lowest
+// levelled point: it must still equal the minimum over every band point.
+// ---------------------------------------------------------------------------
+
+namespace {
+
+// Lines long enough to span several blocks of points (lengths around and at
+// multiples of 64), a floor tilted either way along x and y with negative and
+// positive coordinates, boxes, gaps, repeated points, and one dip placed at
+// the start, the end, a block boundary or anywhere.
+Scan longLineScan(testutil::Rng& rng) {
+    const int lines = static_cast<int>(rng.integer(1, 8));
+    const double base = rng.uniform(5.0, 60.0);
+    const double slopeX = rng.uniform(-0.5, 0.5), slopeY = rng.uniform(-0.3, 0.3);
+    const double noise = rng.integer(0, 3) == 0 ? 0.0 : rng.uniform(0.001, 0.1);
+    const double x0 = rng.uniform(-50.0, 50.0), y0 = rng.uniform(-30.0, 30.0);
+    const int lengths[] = {1, 63, 64, 65, 128, 200, 257};
+    Scan scan(static_cast<size_t>(lines));
+    for (int i = 0; i < lines; ++i) {
+        const int count = rng.integer(0, 2) == 0 ? lengths[rng.integer(0, 6)] : static_cast<int>(rng.integer(1, 300));
+        for (int j = 0; j < count; ++j) {
+            const double x = x0 + 0.5 * i, y = y0 + 0.1 * j;
+            double z = base + slopeX * (x - x0) + slopeY * (y - y0) + 4.0 + rng.uniform(-noise, noise);
+            if (j % 97 > 80) z += 8.0;                    // a box
+            if (rng.integer(0, 30) == 0) z = 0.0;         // missing
+            scan[i].push_back(pt(x, y, z, j));
+        }
+    }
+    auto anyPoint = [&]() -> SKesp3DPosition* {
+        std::vector<SKesp3DPosition*> all;
+        for (auto& line : scan)
+            for (auto& p : line) all.push_back(&p);
+        return all.empty() ? nullptr : all[static_cast<size_t>(rng.integer(0, static_cast<int64_t>(all.size()) - 1))];
+    };
+    SKesp3DPosition* dip = nullptr;
+    switch (rng.integer(0, 4)) {
+        case 0: dip = scan.front().empty() ? nullptr : &scan.front().front(); break;
+        case 1: dip = scan.back().empty() ? nullptr : &scan.back().back(); break;
+        case 2: {
+            auto& line = scan[static_cast<size_t>(rng.integer(0, lines - 1))];
+            if (line.size() > 64) dip = &line[rng.integer(0, 1) == 0 ? 63 : 64];
+            break;
+        }
+        case 3: dip = anyPoint(); break;
+        default: break;  // no dip: the minimum is wherever the tilt puts it
+    }
+    if (dip != nullptr && dip->z > 0.0) dip->z -= rng.uniform(0.0, 1.5);
+    // Copies of points elsewhere: equal levelled heights in several blocks.
+    for (int k = static_cast<int>(rng.integer(0, 3)); k > 0; --k) {
+        SKesp3DPosition* from = anyPoint();
+        SKesp3DPosition* to = anyPoint();
+        if (from != nullptr && to != nullptr) *to = *from;
+    }
+    return scan;
+}
+
+}  // namespace
+
+TEST(PlaneCalib, LowestHeightOverLongLinesMatchesFullScan) {
+    testutil::Rng rng(31337);
+    int levelled = 0;
+    for (int trial = 0; trial < 2000; ++trial) {
+        Scan scan = longLineScan(rng);
+        const auto want = refCalibrate(scan);
+        ASSERT_TRUE(sameBits(calibrate(scan), want)) << "trial " << trial;
+        ASSERT_TRUE(sameBits(hx_getPlaneCalibPara2(scan), want)) << "trial " << trial;
+        levelled += want.planeHeight != -1.0;
+    }
+    EXPECT_GT(levelled, 1000);
+}
+
+TEST(PlaneCalib, IdenticalBandPointsAcrossBlocks) {
+    // A floor of 500 equal points at z = 10 and an object of 200 equal points
+    // at z = 40 (bin 30, the last): the box sums are 500 over bins 0..5, 0
+    // over 6..24 and 200 over 25..30. The first bin is never a peak, so the
+    // object's rise into the last bin is the peak (200 > 700 / 10), cut below
+    // at the empty valley (bin 24). Its points all coincide: the fit is
+    // singular, the rotation the identity, and every block holds the same
+    // lowest height, 40.
+    Scan scan(3);
+    for (int k = 0; k < 700; ++k) scan[k % 3].push_back(k < 500 ? pt(-3.0, 7.0, 10.0) : pt(2.5, -1.0, 40.0));
+    SHX_planeCalibPara want = refFailure();
+    want.planeHeight = 40.0;
+    expectSameRecord(calibrate(scan), want);
+    EXPECT_TRUE(sameBits(hx_getPlaneCalibPara2(scan), want));
+}
+
+// ---------------------------------------------------------------------------
 // Out of contract
 // ---------------------------------------------------------------------------
 
