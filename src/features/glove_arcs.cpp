@@ -8,8 +8,10 @@
 // seen. The angle is a non-decreasing function of the slope, so the largest
 // (smallest) angle over an arc is the angle of the largest (smallest) slope:
 // the arc tangent is taken twice per candidate instead of once per point.
+#include <algorithm>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <vector>
 
 #include "internal.h"
@@ -20,25 +22,26 @@ constexpr int32_t kGloveArcType = 13;
 constexpr size_t kMinLinePoints = 10;
 
 // The valid points (z > 0.0001) of the line, by their input index, with the
-// per-point quantities computed on first use.
+// per-point quantities computed on first use. All working arrays live in one
+// allocation sized once per call.
 class ArcLine {
 public:
     ArcLine(const std::vector<SKesp3DPosition>& in, double chordLen) : in_(in.data()), chord_(chordLen) {
-        // y and z of the valid points in two contiguous arrays: the searches
-        // below read nothing else.
-        idx_.reserve(in.size());
-        y_.reserve(in.size());
-        z_.reserve(in.size());
-        for (size_t i = 0; i < in.size(); ++i) {
-            if (!pa_detail::isStrictlyValidZ(in[i].z)) continue;
-            idx_.push_back(static_cast<int32_t>(i));
-            y_.push_back(in[i].y);
-            z_.push_back(in[i].z);
-        }
-        const size_t m = idx_.size();
-        step_.assign(m, std::numeric_limits<double>::quiet_NaN());
-        slope_.assign(m, 0.0);
-        slopeKnown_.assign(m, 0);
+        const size_t n = in.size();
+        // y, z, S and the slope of the valid points in four contiguous
+        // arrays: the searches below read nothing else. The indices and the
+        // slope-known flags share a second block.
+        reals_.reset(new double[4 * n]);
+        ints_.reset(new int32_t[2 * n]);
+        y_ = reals_.get();
+        z_ = y_ + n;
+        step_ = z_ + n;
+        slope_ = step_ + n;
+        idx_ = ints_.get();
+        slopeKnown_ = idx_ + n;
+        m_ = compactValidPoints(in);
+        computeSteps();
+        std::fill(slopeKnown_, slopeKnown_ + m_, 0);
         // Squared chord bounds, widened by a few ulps, that decide
         // sqrt(d2) >= chordLen without the root except right at the boundary.
         chordSquareLo_ = chordLen * chordLen * (1.0 - 8 * std::numeric_limits<double>::epsilon());
@@ -46,36 +49,32 @@ public:
         squaredTestOk_ = chordLen > 0.0 && std::isfinite(chordSquareHi_) && chordSquareLo_ > 0.0;
     }
 
-    int64_t size() const { return static_cast<int64_t>(idx_.size()); }
-    const SKesp3DPosition& point(int64_t i) const { return in_[idx_[static_cast<size_t>(i)]]; }
-    int32_t inputIndex(int64_t i) const { return idx_[static_cast<size_t>(i)]; }
+    int64_t size() const { return m_; }
+    const SKesp3DPosition& point(int64_t i) const { return in_[idx_[i]]; }
+    int32_t inputIndex(int64_t i) const { return idx_[i]; }
 
     // S(i): y-z distance to the next valid point, 0 for the last.
-    double step(int64_t i) {
-        double& s = step_[static_cast<size_t>(i)];
-        if (std::isnan(s)) {
-            s = 0.0;
-            if (i + 1 < size()) {
-                const double dy = y_[i] - y_[i + 1], dz = z_[i] - z_[i + 1];
-                s = std::sqrt(dy * dy + dz * dz);
-            }
-        }
-        return s;
+    double step(int64_t i) const { return step_[i]; }
+
+    // True when z(i) beats both neighbours as the full test requires (the
+    // previous one strictly, the next one or equal): every candidate passes.
+    bool beatsNeighbours(int64_t i) const {
+        const double zi = z_[i];
+        const bool prevLower = i == 0 || z_[i - 1] < zi;
+        const bool nextNotHigher = i + 1 >= m_ || !(z_[i + 1] > zi);
+        return prevLower & nextNotHigher;
     }
 
     // True when no point before the backward chord end (that end included)
     // reaches z(i), and none up to the forward chord end exceeds it.
     bool isCandidate(int64_t i) const {
-        const double* z = z_.data();
+        const double* z = z_;
         const double zi = z[i];
-        // The immediate neighbours are always visited: a cheap first rejection.
-        if (i > 0 && z[i - 1] >= zi) return false;
-        if (i + 1 < size() && z[i + 1] > zi) return false;
         for (int64_t j = i - 1; j >= 0; --j) {
             if (z[j] >= zi) return false;
             if (reachesChord(i, j)) break;
         }
-        for (int64_t j = i + 1; j < size(); ++j) {
+        for (int64_t j = i + 1; j < m_; ++j) {
             if (z[j] > zi) return false;
             if (reachesChord(i, j)) break;
         }
@@ -85,15 +84,38 @@ public:
     // Slope dz / |dy| of the chord to the first point at least chordLen
     // ahead; 0 unless both chord ends exist (the angle is then 0 as well).
     double slope(int64_t i) {
-        const size_t u = static_cast<size_t>(i);
-        if (!slopeKnown_[u]) {
-            slopeKnown_[u] = 1;
-            slope_[u] = chordSlope(i);
+        if (!slopeKnown_[i]) {
+            slopeKnown_[i] = 1;
+            slope_[i] = chordSlope(i);
         }
-        return slope_[u];
+        return slope_[i];
     }
 
 private:
+    int64_t compactValidPoints(const std::vector<SKesp3DPosition>& in) {
+        // Every point is written and the count advanced only for valid ones:
+        // no branch on the (unpredictable) validity.
+        int64_t w = 0;
+        const int64_t n = static_cast<int64_t>(in.size());
+        for (int64_t i = 0; i < n; ++i) {
+            const SKesp3DPosition& p = in_[i];
+            y_[w] = p.y;
+            z_[w] = p.z;
+            idx_[w] = static_cast<int32_t>(i);
+            w += pa_detail::isStrictlyValidZ(p.z) ? 1 : 0;
+        }
+        return w;
+    }
+
+    void computeSteps() {
+        if (m_ == 0) return;
+        for (int64_t i = 0; i + 1 < m_; ++i) {
+            const double dy = y_[i] - y_[i + 1], dz = z_[i] - z_[i + 1];
+            step_[i] = std::sqrt(dy * dy + dz * dz);
+        }
+        step_[m_ - 1] = 0.0;
+    }
+
     // The y-z distance of valid points a and b is at least chordLen, exactly
     // as the rooted comparison decides it.
     bool reachesChord(int64_t a, int64_t b) const {
@@ -116,7 +138,7 @@ private:
 
     double chordSlope(int64_t i) const {
         if (!hasBackwardChordEnd(i)) return 0.0;
-        for (int64_t j = i + 1; j < size(); ++j)
+        for (int64_t j = i + 1; j < m_; ++j)
             if (reachesChord(i, j)) return (z_[j] - z_[i]) / std::fabs(y_[j] - y_[i]);
         return 0.0;
     }
@@ -125,11 +147,11 @@ private:
     double chord_;
     double chordSquareLo_ = 0.0, chordSquareHi_ = 0.0;
     bool squaredTestOk_ = false;
-    std::vector<int32_t> idx_;
-    std::vector<double> y_, z_;
-    std::vector<double> step_;
-    std::vector<double> slope_;
-    std::vector<uint8_t> slopeKnown_;
+    int64_t m_ = 0;
+    std::unique_ptr<double[]> reals_;
+    std::unique_ptr<int32_t[]> ints_;
+    double *y_, *z_, *step_, *slope_;
+    int32_t *idx_, *slopeKnown_;
 };
 
 double slopeAngle(double slope) { return pa_detail::radToDegLiteral(std::atan(slope)); }
@@ -168,7 +190,7 @@ PA_API void rk_getLineGloveArcs(const std::vector<SKesp3DPosition>& linePts, int
     if (linePts.size() < kMinLinePoints) return;
     ArcLine line(linePts, param.chordLen);
     for (int64_t k = 0; k < line.size(); ++k) {
-        if (!line.isCandidate(k)) continue;
+        if (!line.beatsNeighbours(k) || !line.isCandidate(k)) continue;
         const double drop = leftMaximum(line, k, param.searchArcLen) - rightMinimum(line, k, param.searchArcLen);
         if (drop >= param.minArcAngle) {
             SHX_basicFeature1D f;
