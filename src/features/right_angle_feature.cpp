@@ -165,11 +165,11 @@ int32_t classifyPoint(const ArmWalker& w, const SKesp3DPosition* pts, int64_t i,
 }
 
 // The point reported for the run [s, e] of one corner type: the last point
-// with a backward-adjacent arm, else the middle (or the nearest valid point to
-// it, the higher index first at each distance).
-int64_t chooseRunPoint(const SKesp3DPosition* pts, const std::vector<uint8_t>& adjacent, int64_t s, int64_t e) {
-    for (int64_t k = e; k >= s; --k)
-        if (adjacent[static_cast<size_t>(k)]) return k;
+// with a backward-adjacent arm (lastAdjacent, or below s when there is none),
+// else the middle (or the nearest valid point to it, the higher index first at
+// each distance).
+int64_t chooseRunPoint(const SKesp3DPosition* pts, int64_t lastAdjacent, int64_t s, int64_t e) {
+    if (lastAdjacent >= s) return lastAdjacent;
     const int64_t m = (s + e) / 2;
     if (isValidZ(pts[m].z)) return m;
     for (int64_t k = 1; k <= m - s; ++k) {
@@ -191,29 +191,30 @@ PA_API void hx_getLineRigthAngleFeature(const SKesp3DPosition* points, int32_t p
     const Reaches lim = screeningLimits(params);
     const ArmWalker walker(points, n);
 
-    std::vector<int32_t> type(static_cast<size_t>(n), 0);
-    std::vector<uint8_t> adjacent(static_cast<size_t>(n), 0);
+    // Runs of equal type are grouped as the points are classified: only the
+    // open run's type, start and last adjacent point are kept.
+    int32_t runType = 0;
+    int64_t runStart = 0, lastAdjacent = -1;
+    auto closeRun = [&](int64_t e) {
+        if (runType == 0) return;
+        const int64_t c = chooseRunPoint(points, lastAdjacent, runStart, e);
+        SHX_basicFeature1D f;
+        f.featureType = runType;
+        f.lineIdx = lineIdx;
+        f.featurePos = points[c];
+        f.featurePos.nPointIdx = c;
+        f.featureValue = 0.0;
+        feature->features.push_back(f);
+    };
     for (int64_t i = 0; i < n; ++i) {
-        if (!isValidZ(points[i].z)) continue;
         bool adj = false;
-        type[static_cast<size_t>(i)] = classifyPoint(walker, points, i, params, lim, adj);
-        adjacent[static_cast<size_t>(i)] = adj ? 1 : 0;
-    }
-
-    for (int64_t s = 0; s < n;) {
-        int64_t e = s;
-        const int32_t t = type[static_cast<size_t>(s)];
-        while (e + 1 < n && type[static_cast<size_t>(e + 1)] == t) ++e;
-        if (t != 0) {
-            const int64_t c = chooseRunPoint(points, adjacent, s, e);
-            SHX_basicFeature1D f;
-            f.featureType = t;
-            f.lineIdx = lineIdx;
-            f.featurePos = points[c];
-            f.featurePos.nPointIdx = c;
-            f.featureValue = 0.0;
-            feature->features.push_back(f);
+        const int32_t t = isValidZ(points[i].z) ? classifyPoint(walker, points, i, params, lim, adj) : 0;
+        if (t != runType) {
+            closeRun(i - 1);
+            runType = t;
+            runStart = i;
         }
-        s = e + 1;
+        if (adj) lastAdjacent = i;
     }
+    closeRun(n - 1);
 }
