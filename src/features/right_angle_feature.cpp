@@ -4,6 +4,10 @@
 #include <cmath>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "internal.h"
 
 using pa_detail::isStrictlyValidZ;
@@ -31,6 +35,8 @@ struct Arm {
 class ArmWalker {
 public:
     ArmWalker(const SKesp3DPosition* pts, int64_t n) : pts_(pts), n_(n) {}
+
+    int64_t size() const { return n_; }
 
     Arm start(int64_t i, int step) const {
         Arm a;
@@ -78,6 +84,51 @@ private:
     int64_t n_;
 };
 
+#if defined(__SSE2__)
+// Screening rounds taken two arms at a time: lane 0 is the backward arm, lane
+// 1 the forward arm. A round is taken here only when both arms' next points
+// are strictly valid and within reach, which is what the one-arm walk would
+// do with them too (same differences, sums and comparisons, in the same
+// order); at the first other round the arms are handed back to the one-arm
+// walk where they stand. Returns false when the point is ruled out.
+bool screenBothArmsPacked(const SKesp3DPosition* pts, int64_t n, int64_t i, double reach, double tmax, Arm& back,
+                          Arm& fwd) {
+    const __m128d yi = _mm_set1_pd(pts[i].y), zi = _mm_set1_pd(pts[i].z);
+    const __m128d reachV = _mm_set1_pd(reach), tmaxV = _mm_set1_pd(tmax);
+    const __m128d validV = _mm_set1_pd(pa_detail::kValidZ), signBit = _mm_set1_pd(-0.0);
+    __m128d maxDy = _mm_set1_pd(-1.0), maxDz = _mm_set1_pd(-1.0);
+    int64_t jb = i - 1, jf = i + 1;
+    bool open = true;
+    while (jb >= 0 && jf < n) {
+        const __m128d y = _mm_set_pd(pts[jf].y, pts[jb].y);
+        const __m128d z = _mm_set_pd(pts[jf].z, pts[jb].z);
+        const __m128d dy = _mm_andnot_pd(signBit, _mm_sub_pd(y, yi));
+        const __m128d dz = _mm_andnot_pd(signBit, _mm_sub_pd(z, zi));
+        const __m128d onArm = _mm_and_pd(_mm_cmpgt_pd(z, validV), _mm_cmple_pd(_mm_add_pd(dy, dz), reachV));
+        if (_mm_movemask_pd(onArm) != 3) break;
+        maxDy = _mm_max_pd(dy, maxDy);
+        maxDz = _mm_max_pd(dz, maxDz);
+        --jb;
+        ++jf;
+        const int dyOpen = _mm_movemask_pd(_mm_cmplt_pd(maxDy, tmaxV));
+        const int dzOpen = _mm_movemask_pd(_mm_cmplt_pd(maxDz, tmaxV));
+        const bool flatBeforeOpen = (dzOpen & 1) && (dyOpen & 2);
+        const bool wallBeforeOpen = (dyOpen & 1) && (dzOpen & 2);
+        if (!flatBeforeOpen && !wallBeforeOpen) {
+            open = false;
+            break;
+        }
+    }
+    back.maxDy = _mm_cvtsd_f64(maxDy);
+    back.maxDz = _mm_cvtsd_f64(maxDz);
+    fwd.maxDy = _mm_cvtsd_f64(_mm_unpackhi_pd(maxDy, maxDy));
+    fwd.maxDz = _mm_cvtsd_f64(_mm_unpackhi_pd(maxDz, maxDz));
+    back.next = jb;
+    fwd.next = jf;
+    return open;
+}
+#endif
+
 struct Reaches {
     double rmin;  // smallest of the eight reaches: the screening reach
     double tmax;  // largest of the four tolerances: the screening tolerance
@@ -119,6 +170,9 @@ int32_t classifyPoint(const ArmWalker& w, const SKesp3DPosition* pts, int64_t i,
     // Screening: both arms are walked in step, and the walk stops as soon as
     // their maxima (which only grow) rule out both kinds.
     Arm back = w.start(i, -1), fwd = w.start(i, +1);
+#if defined(__SSE2__)
+    if (!screenBothArmsPacked(pts, w.size(), i, lim.rmin, tmax, back, fwd)) return 0;
+#endif
     bool backMore = true, fwdMore = true;
     while (backMore || fwdMore) {
         if (backMore) backMore = w.advance(back, i, -1, lim.rmin);
