@@ -291,3 +291,38 @@ TEST(RightAngle, MatchesPlainDefinitionOnRandomProfiles) {
         }
     }
 }
+
+TEST(RightAngle, MatchesPlainDefinitionOnDenselySampledProfiles) {
+    // Fine, even sampling with short reaches: the screening walks several
+    // points on both sides before anything decides, and missing points or
+    // walls interrupt it part way.
+    testutil::Rng rng(7);
+    size_t found = 0;
+    for (int trial = 0; trial < 300; ++trial) {
+        std::vector<SKesp3DPosition> v;
+        double y = 0, z = 20;
+        const int n = static_cast<int>(rng.integer(20, 300));
+        for (int i = 0; i < n; ++i) {
+            if (rng.integer(0, 25) == 0) {
+                const double to = z + rng.uniform(-6, 6);
+                for (int k = 1; k < 8; ++k) v.push_back(pt(0, y, z + (to - z) * k / 8.0));
+                z = to;
+            }
+            y += 0.1;
+            double zz = z + rng.uniform(-0.005, 0.005);
+            if (rng.integer(0, 60) == 0) zz = 0.0;
+            v.push_back(pt(0, y, zz));
+        }
+        SHX_lineRightAngleParam p[4];
+        for (auto& k : p) k = kind(rng.uniform(0.3, 1.2), rng.uniform(0.3, 1.2), rng.uniform(0.05, 0.4));
+        const auto want = plainRightAngles(v, p);
+        const auto got = detect(v, p[0], p[1], p[2], p[3]);
+        ASSERT_EQ(got.size(), want.size()) << "trial " << trial;
+        found += got.size();
+        for (size_t i = 0; i < got.size(); ++i) {
+            EXPECT_EQ(got[i].type, want[i].type) << "trial " << trial;
+            EXPECT_EQ(got[i].idx, want[i].idx) << "trial " << trial;
+        }
+    }
+    EXPECT_GT(found, 100u);  // the profiles do hold corners
+}
