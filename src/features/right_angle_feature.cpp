@@ -99,6 +99,27 @@ bool screenBothArmsPacked(const SKesp3DPosition* pts, int64_t n, int64_t i, doub
     __m128d maxDy = _mm_set1_pd(-1.0), maxDz = _mm_set1_pd(-1.0);
     int64_t jb = i - 1, jf = i + 1;
     bool open = true;
+    // Two rounds at a time where both fit: the maxima only grow, so a point
+    // ruled out after the first round is still ruled out after the second,
+    // and checking once per pair gives the same answer with fewer branches.
+    while (jb >= 1 && jf + 1 < n) {
+        const __m128d y1 = _mm_set_pd(pts[jf].y, pts[jb].y), z1 = _mm_set_pd(pts[jf].z, pts[jb].z);
+        const __m128d y2 = _mm_set_pd(pts[jf + 1].y, pts[jb - 1].y), z2 = _mm_set_pd(pts[jf + 1].z, pts[jb - 1].z);
+        const __m128d dy1 = _mm_andnot_pd(signBit, _mm_sub_pd(y1, yi));
+        const __m128d dz1 = _mm_andnot_pd(signBit, _mm_sub_pd(z1, zi));
+        const __m128d dy2 = _mm_andnot_pd(signBit, _mm_sub_pd(y2, yi));
+        const __m128d dz2 = _mm_andnot_pd(signBit, _mm_sub_pd(z2, zi));
+        const __m128d onArm1 = _mm_and_pd(_mm_cmpgt_pd(z1, validV), _mm_cmple_pd(_mm_add_pd(dy1, dz1), reachV));
+        const __m128d onArm2 = _mm_and_pd(_mm_cmpgt_pd(z2, validV), _mm_cmple_pd(_mm_add_pd(dy2, dz2), reachV));
+        if (_mm_movemask_pd(_mm_and_pd(onArm1, onArm2)) != 3) break;
+        maxDy = _mm_max_pd(dy2, _mm_max_pd(dy1, maxDy));
+        maxDz = _mm_max_pd(dz2, _mm_max_pd(dz1, maxDz));
+        jb -= 2;
+        jf += 2;
+        const int dyOpen = _mm_movemask_pd(_mm_cmplt_pd(maxDy, tmaxV));
+        const int dzOpen = _mm_movemask_pd(_mm_cmplt_pd(maxDz, tmaxV));
+        if (!((dzOpen & 1) && (dyOpen & 2)) && !((dyOpen & 1) && (dzOpen & 2))) return false;
+    }
     while (jb >= 0 && jf < n) {
         const __m128d y = _mm_set_pd(pts[jf].y, pts[jb].y);
         const __m128d z = _mm_set_pd(pts[jf].z, pts[jb].z);
