@@ -348,8 +348,9 @@ private:
     void findExtrema(bool keepMinima);
 
     int32_t m_ = 0;
-    std::vector<int32_t> ints_;        // the index arrays below, in one block
-    std::vector<double> reals_;        // the coordinate and angle arrays below, in one block
+    // Left uninitialised: every element is written before it is read.
+    std::unique_ptr<int32_t[]> ints_;  // the index arrays below, in one block
+    std::unique_ptr<double[]> reals_;  // the coordinate and angle arrays below, in one block
     int32_t* idx_ = nullptr;           // input index of compacted point k
     int32_t* back_ = nullptr;          // backward neighbour, -1 when k has no angles
     int32_t* fwd_ = nullptr;           // forward neighbour, -1 when k has no angles

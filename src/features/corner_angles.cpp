@@ -76,6 +76,74 @@ double armThreshold(double armLen) {
     return t;
 }
 
+
+// Copies the valid points' input index, y and z to the front of idx, y and z
+// and returns their number. With kSegments the runs of valid points, cut
+// where consecutive heights differ by more than jumpZ, are appended to
+// segments. While a run is open its previous input point is valid, so it is
+// the last compacted one.
+template <bool kSegments>
+int32_t compactValid(const SKesp3DPosition* points, int32_t count, double jumpZ, int32_t* idx, double* y, double* z,
+                     std::vector<CornerSegment>* segments) {
+    int32_t m = 0;
+    bool open = false;
+    int32_t first = 0, last = 0;
+    for (int32_t i = 0; i < count; ++i) {
+        const double zi = points[i].z;
+        if (!isStrictlyValidZ(zi)) {
+            if (kSegments && open) {
+                segments->push_back(CornerSegment{first, last - first + 1, 1});
+                open = false;
+            }
+            continue;
+        }
+        idx[m] = i;
+        y[m] = points[i].y;
+        z[m] = zi;
+        if (kSegments) {
+            if (!open) {
+                open = true;
+                first = last = i;
+            } else if (std::fabs(zi - z[m - 1]) > jumpZ) {
+                segments->push_back(CornerSegment{first, last - first + 1, 1});
+                first = last = i;
+            } else {
+                last = i;
+            }
+        }
+        ++m;
+    }
+    if (kSegments && open) segments->push_back(CornerSegment{first, last - first + 1, 1});
+    return m;
+}
+
+// path[k] = length of the polyline from point 0 to point k, summed in order.
+// The step lengths are independent, so they are taken two at a time; the
+// square root of the vector unit also skips the library call that a scalar
+// sqrt keeps for negative arguments.
+void pathLengths(const double* y, const double* z, int32_t m, double* path) {
+    path[0] = 0.0;
+    double walked = 0.0;
+    int32_t k = 1;
+#if CV_SIMD128_64F
+    for (; k + 2 <= m; k += 2) {
+        const cv::v_float64x2 dy = cv::v_load(y + k) - cv::v_load(y + k - 1);
+        const cv::v_float64x2 dz = cv::v_load(z + k) - cv::v_load(z + k - 1);
+        double step[2];
+        cv::v_store(step, cv::v_sqrt(dy * dy + dz * dz));
+        walked += step[0];
+        path[k] = walked;
+        walked += step[1];
+        path[k + 1] = walked;
+    }
+#endif
+    for (; k < m; ++k) {
+        const double dy = y[k] - y[k - 1], dz = z[k] - z[k - 1];
+        walked += std::sqrt(dy * dy + dz * dz);
+        path[k] = walked;
+    }
+}
+
 }  // namespace
 
 // Arrays are padded: coordinates are NaN outside 0 .. m-1, so that points
@@ -90,14 +158,14 @@ void CornerAngleList::allocate(size_t n) {
     const size_t stride = n + 2 * kPad;
     // Maxima and minima alternate, so neither list outgrows half the points plus one.
     const size_t extrema = n / 2 + 2;
-    ints_.resize(3 * n + 2 * extrema);
-    idx_ = ints_.data();
+    ints_.reset(new int32_t[3 * n + 2 * extrema]);
+    idx_ = ints_.get();
     back_ = idx_ + n;
     fwd_ = back_ + n;
     maxima_ = fwd_ + n;
     minima_ = maxima_ + extrema;
-    reals_.resize(4 * stride);
-    y_ = reals_.data() + kPad;
+    reals_.reset(new double[4 * stride]);
+    y_ = reals_.get() + kPad;
     z_ = y_ + stride;
     path_ = z_ + stride;
     approxC_ = path_ + stride;
@@ -110,49 +178,16 @@ void CornerAngleList::build(const SKesp3DPosition* points, int32_t count, double
     if (points == nullptr || count < 1) return;
     allocate(static_cast<size_t>(count));
 
-    // Compaction (and segments): one pass over the input.
-    int32_t m = 0;
-    bool open = false;
-    int32_t first = 0, last = 0;
-    auto close = [&]() {
-        if (segments) segments->push_back(CornerSegment{first, last - first + 1, 1});
-        open = false;
-    };
-    double* y = y_;
-    double* z = z_;
-    double* path = path_;
-    double walked = 0.0;
-    for (int32_t i = 0; i < count; ++i) {
-        const double zi = points[i].z;
-        if (!isStrictlyValidZ(zi)) {
-            if (open) close();
-            continue;
-        }
-        const double yi = points[i].y;
-        if (m > 0) {
-            const double dy = yi - y[m - 1], dz = zi - z[m - 1];
-            walked += std::sqrt(dy * dy + dz * dz);
-        }
-        idx_[m] = i;
-        y[m] = yi;
-        z[m] = zi;
-        path[m] = walked;
-        ++m;
-        if (!open) {
-            open = true;
-            first = last = i;
-        } else if (std::fabs(zi - points[i - 1].z) > jumpZ) {
-            close();
-            open = true;
-            first = last = i;
-        } else {
-            last = i;
-        }
-    }
-    if (open) close();
+    const int32_t m = segments ? compactValid<true>(points, count, jumpZ, idx_, y_, z_, segments)
+                               : compactValid<false>(points, count, jumpZ, idx_, y_, z_, nullptr);
     m_ = m;
     if (m == 0) return;
 
+    pathLengths(y_, z_, m, path_);
+
+    double* y = y_;
+    double* z = z_;
+    double* path = path_;
     const double nan = std::numeric_limits<double>::quiet_NaN();
     for (int32_t p = 1; p <= kPad; ++p) {
         y[-p] = z[-p] = nan;
