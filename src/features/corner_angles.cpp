@@ -9,6 +9,14 @@
 
 #include "internal.h"
 
+#if defined(__GNUC__)
+#define PA_CORNER_COLD __attribute__((noinline))
+#elif defined(_MSC_VER)
+#define PA_CORNER_COLD __declspec(noinline)
+#else
+#define PA_CORNER_COLD
+#endif
+
 namespace pa_detail {
 
 namespace {
@@ -300,6 +308,68 @@ void CornerAngleList::approximateAngles() {
     }
 }
 
+namespace {
+
+// The last exact corner angle computed, kept because a run of near ties
+// compares each point with the next.
+struct ExactCornerCache {
+    int32_t idx = -1;
+    double val = 0.0;
+    double get(const CornerAngleList& list, int32_t k) {
+        if (k != idx) {
+            idx = k;
+            val = list.exact(CornerAngleList::Angle::Corner, k);
+        }
+        return val;
+    }
+};
+
+// Sign of corner(k) - corner(prev) on the exact angles. Out of line: only
+// near ties get here, and the trend loop keeps its registers.
+PA_CORNER_COLD int exactTrendSign(const CornerAngleList& list, ExactCornerCache& cache, int32_t prev, int32_t k) {
+    const double cp = cache.get(list, prev);
+    const double ck = cache.get(list, k);
+    return (ck > cp) - (ck < cp);
+}
+
+template <bool kMinima>
+void trendExtrema(const CornerAngleList& list, const int32_t* back, const double* cA, int32_t m, int32_t* maxOut,
+                  int32_t* minOut, std::size_t& maxCount, std::size_t& minCount) {
+    // Corner angles of two points differ by less than this in the
+    // approximation only when the exact comparison is needed.
+    const double cmpTol = 4.0 * CornerAngleList::kAngleTol;
+    ExactCornerCache cache;
+    std::size_t nMax = 0, nMin = 0;
+    int trend = 0;
+    int32_t prev = -1;
+    for (int32_t k = 0; k < m; ++k) {
+        if (back[k] < 0) {
+            if (k == m - 1 && prev >= 0) {
+                if (trend > 0) maxOut[nMax++] = prev;
+                else if (trend < 0 && kMinima) minOut[nMin++] = prev;
+            }
+            continue;
+        }
+        if (prev >= 0) {
+            const double d = cA[k] - cA[prev];
+            int sign = (d > cmpTol) - (d < -cmpTol);
+            if (sign == 0) sign = exactTrendSign(list, cache, prev, k);  // too close to call, or NaN
+            maxOut[nMax] = prev;
+            nMax += static_cast<std::size_t>(sign < 0 && trend > 0);
+            if (kMinima) {
+                minOut[nMin] = prev;
+                nMin += static_cast<std::size_t>(sign > 0 && trend < 0);
+            }
+            trend = sign != 0 ? sign : trend;
+        }
+        prev = k;
+    }
+    maxCount = nMax;
+    minCount = nMin;
+}
+
+}  // namespace
+
 // The trend state machine over the points with angles. Equal corner angles
 // keep the trend, so a plateau's last point is its extremum. When the line
 // ends while rising (falling), its last point with angles is a maximum
@@ -309,52 +379,8 @@ void CornerAngleList::approximateAngles() {
 // the rare exact comparison, so noisy profiles, whose trend flips every few
 // points, cost no mispredictions.
 void CornerAngleList::findExtrema(bool keepMinima) {
-    const int32_t m = m_;
-    // Corner angles of two points differ by less than this in the
-    // approximation only when the exact comparison is needed.
-    const double cmpTol = 4.0 * kAngleTol;
-    const double* cA = approxC_;
-    const size_t minimumFlag = keepMinima ? 1 : 0;
-    int32_t* maxOut = maxima_;
-    int32_t* minOut = minima_;
-    size_t nMax = 0, nMin = 0;
-    int trend = 0;
-    int32_t prev = -1;
-    int32_t exactIdx = -1;  // the last exact corner angle computed, kept for the next step
-    double exactVal = 0.0;
-    auto exactCorner = [&](int32_t k) {
-        if (k != exactIdx) {
-            exactIdx = k;
-            exactVal = exact(Angle::Corner, k);
-        }
-        return exactVal;
-    };
-    for (int32_t k = 0; k < m; ++k) {
-        if (back_[k] < 0) {
-            if (k == m - 1 && prev >= 0) {
-                if (trend > 0) maxOut[nMax++] = prev;
-                else if (trend < 0 && keepMinima) minOut[nMin++] = prev;
-            }
-            continue;
-        }
-        if (prev >= 0) {
-            const double d = cA[k] - cA[prev];
-            int sign = (d > cmpTol) - (d < -cmpTol);
-            if (sign == 0) {  // too close to call, or NaN
-                const double cp = exactCorner(prev);
-                const double ck = exactCorner(k);
-                sign = (ck > cp) - (ck < cp);
-            }
-            maxOut[nMax] = prev;
-            nMax += static_cast<size_t>(sign < 0 && trend > 0);
-            minOut[nMin] = prev;
-            nMin += static_cast<size_t>(sign > 0 && trend < 0) & minimumFlag;
-            trend = sign != 0 ? sign : trend;
-        }
-        prev = k;
-    }
-    maxCount_ = nMax;
-    minCount_ = nMin;
+    if (keepMinima) trendExtrema<true>(*this, back_, approxC_, m_, maxima_, minima_, maxCount_, minCount_);
+    else trendExtrema<false>(*this, back_, approxC_, m_, maxima_, minima_, maxCount_, minCount_);
 }
 
 double CornerAngleList::exact(Angle a, int32_t k) const {
