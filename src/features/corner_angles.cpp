@@ -273,36 +273,30 @@ void CornerAngleList::approximateAngles() {
         const int32_t b = back[k];
         return b >= 0 && fwd[b] == k;
     };
+    // A backward neighbour lies before its point, so its forward angle is
+    // stored by the time the point's backward chord needs it.
     int32_t k = 0;
 #if CV_SIMD128_64F
     for (; k + 2 <= m; k += 2) {
         const int32_t f0 = fwd[k], f1 = fwd[k + 1];
+        const int32_t b0 = back[k], b1 = back[k + 1];
         const cv::v_float64x2 yk = cv::v_load(y + k), zk = cv::v_load(z + k);
         const cv::v_float64x2 yf(y[f0], y[f1]), zf(z[f0], z[f1]);
-        cv::v_store(fA + k, approxChordAngle2(zf - zk, cv::v_abs(yf - yk)));
-    }
-#endif
-    for (; k < m; ++k) {
-        const int32_t f = fwd[k];
-        fA[k] = approxChordAngle(z[f] - z[k], std::fabs(y[f] - y[k]));
-    }
-    k = 0;
-#if CV_SIMD128_64F
-    for (; k + 2 <= m; k += 2) {
-        const int32_t b0 = back[k], b1 = back[k + 1];
+        const cv::v_float64x2 fwdA = approxChordAngle2(zf - zk, cv::v_abs(yf - yk));
+        cv::v_store(fA + k, fwdA);
         cv::v_float64x2 bA;
         if (sharesChord(k) && sharesChord(k + 1)) {
             bA = cv::v_float64x2(fA[b0], fA[b1]);
         } else {
-            const cv::v_float64x2 yk = cv::v_load(y + k), zk = cv::v_load(z + k);
             const cv::v_float64x2 yb(y[b0], y[b1]), zb(z[b0], z[b1]);
             bA = approxChordAngle2(zk - zb, cv::v_abs(yk - yb));
         }
-        cv::v_store(cA + k, bA - cv::v_load(fA + k));
+        cv::v_store(cA + k, bA - fwdA);
     }
 #endif
     for (; k < m; ++k) {
-        const int32_t b = back[k];
+        const int32_t f = fwd[k], b = back[k];
+        fA[k] = approxChordAngle(z[f] - z[k], std::fabs(y[f] - y[k]));
         const double bA = sharesChord(k) ? fA[b] : approxChordAngle(z[k] - z[b], std::fabs(y[k] - y[b]));
         cA[k] = bA - fA[k];
     }
