@@ -392,26 +392,14 @@ double CornerAngleList::exact(Angle a, int32_t k) const {
 }
 
 // The arm angles are tested only on the few corners that survive the corner
-// angle tests, so they are computed exactly; the corner angle goes through
-// its approximation first.
-bool CornerAngleList::greater(Angle a, int32_t k, double limit, bool absolute) const {
-    if (a == Angle::Corner) {
-        const double tol = 2.0 * kAngleTol;
-        const double v = absolute ? std::fabs(approxC_[k]) : approxC_[k];
-        if (v - tol > limit) return true;
-        if (v + tol < limit) return false;
-    }
+// angle tests, so they are computed exactly; the corner angle reaches these
+// only when its approximation is too close to the limit.
+bool CornerAngleList::exactGreater(Angle a, int32_t k, double limit, bool absolute) const {
     const double e = exact(a, k);
     return (absolute ? std::fabs(e) : e) > limit;
 }
 
-bool CornerAngleList::less(Angle a, int32_t k, double limit, bool absolute) const {
-    if (a == Angle::Corner) {
-        const double tol = 2.0 * kAngleTol;
-        const double v = absolute ? std::fabs(approxC_[k]) : approxC_[k];
-        if (v + tol < limit) return true;
-        if (v - tol > limit) return false;
-    }
+bool CornerAngleList::exactLess(Angle a, int32_t k, double limit, bool absolute) const {
     const double e = exact(a, k);
     return (absolute ? std::fabs(e) : e) < limit;
 }
