@@ -2,6 +2,7 @@
 #ifndef PROFILE_ANALYSIS_INTERNAL_H
 #define PROFILE_ANALYSIS_INTERNAL_H
 
+#include <cmath>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -328,8 +329,24 @@ public:
     /// The exact angle (one-argument atan), in degrees.
     double exact(Angle a, int32_t k) const;
     /// Exactly `angle(k) > limit` / `angle(k) < limit`; with absolute, of |angle(k)|.
-    bool greater(Angle a, int32_t k, double limit, bool absolute) const;
-    bool less(Angle a, int32_t k, double limit, bool absolute) const;
+    /// The corner angle's clear cases are settled inline: the tests run on
+    /// every extremum.
+    bool greater(Angle a, int32_t k, double limit, bool absolute) const {
+        if (a == Angle::Corner) {
+            const double v = absolute ? std::fabs(approxC_[k]) : approxC_[k];
+            if (v - 2.0 * kAngleTol > limit) return true;
+            if (v + 2.0 * kAngleTol < limit) return false;
+        }
+        return exactGreater(a, k, limit, absolute);
+    }
+    bool less(Angle a, int32_t k, double limit, bool absolute) const {
+        if (a == Angle::Corner) {
+            const double v = absolute ? std::fabs(approxC_[k]) : approxC_[k];
+            if (v + 2.0 * kAngleTol < limit) return true;
+            if (v - 2.0 * kAngleTol > limit) return false;
+        }
+        return exactLess(a, k, limit, absolute);
+    }
     /// Exactly `corner(o) > corner(q)`; with absolute, of their magnitudes.
     bool cornerGreater(int32_t o, int32_t q, bool absolute) const;
     /// True when a candidate of cands within 2 * armLen along y of cands[pos]
@@ -342,14 +359,17 @@ public:
     static constexpr double kAngleTol = 1e-3;
 
 private:
+    bool exactGreater(Angle a, int32_t k, double limit, bool absolute) const;
+    bool exactLess(Angle a, int32_t k, double limit, bool absolute) const;
     void allocate(std::size_t n);
     void findNeighbours(double armLen);
     void approximateAngles();
     void findExtrema(bool keepMinima);
 
     int32_t m_ = 0;
-    std::vector<int32_t> ints_;        // the index arrays below, in one block
-    std::vector<double> reals_;        // the coordinate and angle arrays below, in one block
+    // Left uninitialised: every element is written before it is read.
+    std::unique_ptr<int32_t[]> ints_;  // the index arrays below, in one block
+    std::unique_ptr<double[]> reals_;  // the coordinate and angle arrays below, in one block
     int32_t* idx_ = nullptr;           // input index of compacted point k
     int32_t* back_ = nullptr;          // backward neighbour, -1 when k has no angles
     int32_t* fwd_ = nullptr;           // forward neighbour, -1 when k has no angles

@@ -9,6 +9,14 @@
 
 #include "internal.h"
 
+#if defined(__GNUC__)
+#define PA_CORNER_COLD __attribute__((noinline))
+#elif defined(_MSC_VER)
+#define PA_CORNER_COLD __declspec(noinline)
+#else
+#define PA_CORNER_COLD
+#endif
+
 namespace pa_detail {
 
 namespace {
@@ -76,6 +84,74 @@ double armThreshold(double armLen) {
     return t;
 }
 
+
+// Copies the valid points' input index, y and z to the front of idx, y and z
+// and returns their number. With kSegments the runs of valid points, cut
+// where consecutive heights differ by more than jumpZ, are appended to
+// segments. While a run is open its previous input point is valid, so it is
+// the last compacted one.
+template <bool kSegments>
+int32_t compactValid(const SKesp3DPosition* points, int32_t count, double jumpZ, int32_t* idx, double* y, double* z,
+                     std::vector<CornerSegment>* segments) {
+    int32_t m = 0;
+    bool open = false;
+    int32_t first = 0, last = 0;
+    for (int32_t i = 0; i < count; ++i) {
+        const double zi = points[i].z;
+        if (!isStrictlyValidZ(zi)) {
+            if (kSegments && open) {
+                segments->push_back(CornerSegment{first, last - first + 1, 1});
+                open = false;
+            }
+            continue;
+        }
+        idx[m] = i;
+        y[m] = points[i].y;
+        z[m] = zi;
+        if (kSegments) {
+            if (!open) {
+                open = true;
+                first = last = i;
+            } else if (std::fabs(zi - z[m - 1]) > jumpZ) {
+                segments->push_back(CornerSegment{first, last - first + 1, 1});
+                first = last = i;
+            } else {
+                last = i;
+            }
+        }
+        ++m;
+    }
+    if (kSegments && open) segments->push_back(CornerSegment{first, last - first + 1, 1});
+    return m;
+}
+
+// path[k] = length of the polyline from point 0 to point k, summed in order.
+// The step lengths are independent, so they are taken two at a time; the
+// square root of the vector unit also skips the library call that a scalar
+// sqrt keeps for negative arguments.
+void pathLengths(const double* y, const double* z, int32_t m, double* path) {
+    path[0] = 0.0;
+    double walked = 0.0;
+    int32_t k = 1;
+#if CV_SIMD128_64F
+    for (; k + 2 <= m; k += 2) {
+        const cv::v_float64x2 dy = cv::v_load(y + k) - cv::v_load(y + k - 1);
+        const cv::v_float64x2 dz = cv::v_load(z + k) - cv::v_load(z + k - 1);
+        double step[2];
+        cv::v_store(step, cv::v_sqrt(dy * dy + dz * dz));
+        walked += step[0];
+        path[k] = walked;
+        walked += step[1];
+        path[k + 1] = walked;
+    }
+#endif
+    for (; k < m; ++k) {
+        const double dy = y[k] - y[k - 1], dz = z[k] - z[k - 1];
+        walked += std::sqrt(dy * dy + dz * dz);
+        path[k] = walked;
+    }
+}
+
 }  // namespace
 
 // Arrays are padded: coordinates are NaN outside 0 .. m-1, so that points
@@ -90,14 +166,14 @@ void CornerAngleList::allocate(size_t n) {
     const size_t stride = n + 2 * kPad;
     // Maxima and minima alternate, so neither list outgrows half the points plus one.
     const size_t extrema = n / 2 + 2;
-    ints_.resize(3 * n + 2 * extrema);
-    idx_ = ints_.data();
+    ints_.reset(new int32_t[3 * n + 2 * extrema]);
+    idx_ = ints_.get();
     back_ = idx_ + n;
     fwd_ = back_ + n;
     maxima_ = fwd_ + n;
     minima_ = maxima_ + extrema;
-    reals_.resize(4 * stride);
-    y_ = reals_.data() + kPad;
+    reals_.reset(new double[4 * stride]);
+    y_ = reals_.get() + kPad;
     z_ = y_ + stride;
     path_ = z_ + stride;
     approxC_ = path_ + stride;
@@ -110,49 +186,16 @@ void CornerAngleList::build(const SKesp3DPosition* points, int32_t count, double
     if (points == nullptr || count < 1) return;
     allocate(static_cast<size_t>(count));
 
-    // Compaction (and segments): one pass over the input.
-    int32_t m = 0;
-    bool open = false;
-    int32_t first = 0, last = 0;
-    auto close = [&]() {
-        if (segments) segments->push_back(CornerSegment{first, last - first + 1, 1});
-        open = false;
-    };
-    double* y = y_;
-    double* z = z_;
-    double* path = path_;
-    double walked = 0.0;
-    for (int32_t i = 0; i < count; ++i) {
-        const double zi = points[i].z;
-        if (!isStrictlyValidZ(zi)) {
-            if (open) close();
-            continue;
-        }
-        const double yi = points[i].y;
-        if (m > 0) {
-            const double dy = yi - y[m - 1], dz = zi - z[m - 1];
-            walked += std::sqrt(dy * dy + dz * dz);
-        }
-        idx_[m] = i;
-        y[m] = yi;
-        z[m] = zi;
-        path[m] = walked;
-        ++m;
-        if (!open) {
-            open = true;
-            first = last = i;
-        } else if (std::fabs(zi - points[i - 1].z) > jumpZ) {
-            close();
-            open = true;
-            first = last = i;
-        } else {
-            last = i;
-        }
-    }
-    if (open) close();
+    const int32_t m = segments ? compactValid<true>(points, count, jumpZ, idx_, y_, z_, segments)
+                               : compactValid<false>(points, count, jumpZ, idx_, y_, z_, nullptr);
     m_ = m;
     if (m == 0) return;
 
+    pathLengths(y_, z_, m, path_);
+
+    double* y = y_;
+    double* z = z_;
+    double* path = path_;
     const double nan = std::numeric_limits<double>::quiet_NaN();
     for (int32_t p = 1; p <= kPad; ++p) {
         y[-p] = z[-p] = nan;
@@ -230,40 +273,96 @@ void CornerAngleList::approximateAngles() {
         const int32_t b = back[k];
         return b >= 0 && fwd[b] == k;
     };
+    // A backward neighbour lies before its point, so its forward angle is
+    // stored by the time the point's backward chord needs it.
     int32_t k = 0;
 #if CV_SIMD128_64F
     for (; k + 2 <= m; k += 2) {
         const int32_t f0 = fwd[k], f1 = fwd[k + 1];
+        const int32_t b0 = back[k], b1 = back[k + 1];
         const cv::v_float64x2 yk = cv::v_load(y + k), zk = cv::v_load(z + k);
         const cv::v_float64x2 yf(y[f0], y[f1]), zf(z[f0], z[f1]);
-        cv::v_store(fA + k, approxChordAngle2(zf - zk, cv::v_abs(yf - yk)));
-    }
-#endif
-    for (; k < m; ++k) {
-        const int32_t f = fwd[k];
-        fA[k] = approxChordAngle(z[f] - z[k], std::fabs(y[f] - y[k]));
-    }
-    k = 0;
-#if CV_SIMD128_64F
-    for (; k + 2 <= m; k += 2) {
-        const int32_t b0 = back[k], b1 = back[k + 1];
+        const cv::v_float64x2 fwdA = approxChordAngle2(zf - zk, cv::v_abs(yf - yk));
+        cv::v_store(fA + k, fwdA);
         cv::v_float64x2 bA;
         if (sharesChord(k) && sharesChord(k + 1)) {
             bA = cv::v_float64x2(fA[b0], fA[b1]);
         } else {
-            const cv::v_float64x2 yk = cv::v_load(y + k), zk = cv::v_load(z + k);
             const cv::v_float64x2 yb(y[b0], y[b1]), zb(z[b0], z[b1]);
             bA = approxChordAngle2(zk - zb, cv::v_abs(yk - yb));
         }
-        cv::v_store(cA + k, bA - cv::v_load(fA + k));
+        cv::v_store(cA + k, bA - fwdA);
     }
 #endif
     for (; k < m; ++k) {
-        const int32_t b = back[k];
+        const int32_t f = fwd[k], b = back[k];
+        fA[k] = approxChordAngle(z[f] - z[k], std::fabs(y[f] - y[k]));
         const double bA = sharesChord(k) ? fA[b] : approxChordAngle(z[k] - z[b], std::fabs(y[k] - y[b]));
         cA[k] = bA - fA[k];
     }
 }
+
+namespace {
+
+// The last exact corner angle computed, kept because a run of near ties
+// compares each point with the next.
+struct ExactCornerCache {
+    int32_t idx = -1;
+    double val = 0.0;
+    double get(const CornerAngleList& list, int32_t k) {
+        if (k != idx) {
+            idx = k;
+            val = list.exact(CornerAngleList::Angle::Corner, k);
+        }
+        return val;
+    }
+};
+
+// Sign of corner(k) - corner(prev) on the exact angles. Out of line: only
+// near ties get here, and the trend loop keeps its registers.
+PA_CORNER_COLD int exactTrendSign(const CornerAngleList& list, ExactCornerCache& cache, int32_t prev, int32_t k) {
+    const double cp = cache.get(list, prev);
+    const double ck = cache.get(list, k);
+    return (ck > cp) - (ck < cp);
+}
+
+template <bool kMinima>
+void trendExtrema(const CornerAngleList& list, const int32_t* back, const double* cA, int32_t m, int32_t* maxOut,
+                  int32_t* minOut, std::size_t& maxCount, std::size_t& minCount) {
+    // Corner angles of two points differ by less than this in the
+    // approximation only when the exact comparison is needed.
+    const double cmpTol = 4.0 * CornerAngleList::kAngleTol;
+    ExactCornerCache cache;
+    std::size_t nMax = 0, nMin = 0;
+    int trend = 0;
+    int32_t prev = -1;
+    for (int32_t k = 0; k < m; ++k) {
+        if (back[k] < 0) {
+            if (k == m - 1 && prev >= 0) {
+                if (trend > 0) maxOut[nMax++] = prev;
+                else if (trend < 0 && kMinima) minOut[nMin++] = prev;
+            }
+            continue;
+        }
+        if (prev >= 0) {
+            const double d = cA[k] - cA[prev];
+            int sign = (d > cmpTol) - (d < -cmpTol);
+            if (sign == 0) sign = exactTrendSign(list, cache, prev, k);  // too close to call, or NaN
+            maxOut[nMax] = prev;
+            nMax += static_cast<std::size_t>(sign < 0 && trend > 0);
+            if (kMinima) {
+                minOut[nMin] = prev;
+                nMin += static_cast<std::size_t>(sign > 0 && trend < 0);
+            }
+            trend = sign != 0 ? sign : trend;
+        }
+        prev = k;
+    }
+    maxCount = nMax;
+    minCount = nMin;
+}
+
+}  // namespace
 
 // The trend state machine over the points with angles. Equal corner angles
 // keep the trend, so a plateau's last point is its extremum. When the line
@@ -274,52 +373,8 @@ void CornerAngleList::approximateAngles() {
 // the rare exact comparison, so noisy profiles, whose trend flips every few
 // points, cost no mispredictions.
 void CornerAngleList::findExtrema(bool keepMinima) {
-    const int32_t m = m_;
-    // Corner angles of two points differ by less than this in the
-    // approximation only when the exact comparison is needed.
-    const double cmpTol = 4.0 * kAngleTol;
-    const double* cA = approxC_;
-    const size_t minimumFlag = keepMinima ? 1 : 0;
-    int32_t* maxOut = maxima_;
-    int32_t* minOut = minima_;
-    size_t nMax = 0, nMin = 0;
-    int trend = 0;
-    int32_t prev = -1;
-    int32_t exactIdx = -1;  // the last exact corner angle computed, kept for the next step
-    double exactVal = 0.0;
-    auto exactCorner = [&](int32_t k) {
-        if (k != exactIdx) {
-            exactIdx = k;
-            exactVal = exact(Angle::Corner, k);
-        }
-        return exactVal;
-    };
-    for (int32_t k = 0; k < m; ++k) {
-        if (back_[k] < 0) {
-            if (k == m - 1 && prev >= 0) {
-                if (trend > 0) maxOut[nMax++] = prev;
-                else if (trend < 0 && keepMinima) minOut[nMin++] = prev;
-            }
-            continue;
-        }
-        if (prev >= 0) {
-            const double d = cA[k] - cA[prev];
-            int sign = (d > cmpTol) - (d < -cmpTol);
-            if (sign == 0) {  // too close to call, or NaN
-                const double cp = exactCorner(prev);
-                const double ck = exactCorner(k);
-                sign = (ck > cp) - (ck < cp);
-            }
-            maxOut[nMax] = prev;
-            nMax += static_cast<size_t>(sign < 0 && trend > 0);
-            minOut[nMin] = prev;
-            nMin += static_cast<size_t>(sign > 0 && trend < 0) & minimumFlag;
-            trend = sign != 0 ? sign : trend;
-        }
-        prev = k;
-    }
-    maxCount_ = nMax;
-    minCount_ = nMin;
+    if (keepMinima) trendExtrema<true>(*this, back_, approxC_, m_, maxima_, minima_, maxCount_, minCount_);
+    else trendExtrema<false>(*this, back_, approxC_, m_, maxima_, minima_, maxCount_, minCount_);
 }
 
 double CornerAngleList::exact(Angle a, int32_t k) const {
@@ -337,26 +392,14 @@ double CornerAngleList::exact(Angle a, int32_t k) const {
 }
 
 // The arm angles are tested only on the few corners that survive the corner
-// angle tests, so they are computed exactly; the corner angle goes through
-// its approximation first.
-bool CornerAngleList::greater(Angle a, int32_t k, double limit, bool absolute) const {
-    if (a == Angle::Corner) {
-        const double tol = 2.0 * kAngleTol;
-        const double v = absolute ? std::fabs(approxC_[k]) : approxC_[k];
-        if (v - tol > limit) return true;
-        if (v + tol < limit) return false;
-    }
+// angle tests, so they are computed exactly; the corner angle reaches these
+// only when its approximation is too close to the limit.
+bool CornerAngleList::exactGreater(Angle a, int32_t k, double limit, bool absolute) const {
     const double e = exact(a, k);
     return (absolute ? std::fabs(e) : e) > limit;
 }
 
-bool CornerAngleList::less(Angle a, int32_t k, double limit, bool absolute) const {
-    if (a == Angle::Corner) {
-        const double tol = 2.0 * kAngleTol;
-        const double v = absolute ? std::fabs(approxC_[k]) : approxC_[k];
-        if (v + tol < limit) return true;
-        if (v - tol > limit) return false;
-    }
+bool CornerAngleList::exactLess(Angle a, int32_t k, double limit, bool absolute) const {
     const double e = exact(a, k);
     return (absolute ? std::fabs(e) : e) < limit;
 }
