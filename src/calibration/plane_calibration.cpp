@@ -232,21 +232,21 @@ private:
     uint64_t low_, width_;
 };
 
-/// Writes point p, converted to single precision, to out[m] and returns the
-/// count of band points in out: m + 1 if p lies in the band, else m (the slot
-/// is then overwritten by the next point). No branch: the band edges are
-/// noisy, and a branch there would be mispredicted.
-inline int gatherBandPoint(const SKesp3DPosition& p, const BandTest& band, cv::Point3f* out, int m) {
-    out[m] = cv::Point3f(static_cast<float>(p.x), static_cast<float>(p.y), static_cast<float>(p.z));
-    return m + static_cast<int>(band.holds(p.z));
+/// Writes point p, converted to single precision, to *out and returns where
+/// the next band point goes: past it if p lies in the band, else out itself
+/// (the slot is then overwritten by the next point). No branch: the band
+/// edges are noisy, and a branch there would be mispredicted.
+inline cv::Point3f* gatherBandPoint(const SKesp3DPosition& p, const BandTest& band, cv::Point3f* out) {
+    *out = cv::Point3f(static_cast<float>(p.x), static_cast<float>(p.y), static_cast<float>(p.z));
+    return out + static_cast<int>(band.holds(p.z));
 }
 
 /// The band points of p[0 .. n) in single precision, in order, into `out`;
 /// returns their number.
 inline int bandPointsOf(const SKesp3DPosition* p, int n, const BandTest& band, cv::Point3f* out) {
-    int m = 0;
-    for (int i = 0; i < n; ++i) m = gatherBandPoint(p[i], band, out, m);
-    return m;
+    cv::Point3f* next = out;
+    for (int i = 0; i < n; ++i) next = gatherBandPoint(p[i], band, next);
+    return static_cast<int>(next - out);
 }
 
 /// Least-squares sums of a stream of single-precision points, added in
@@ -391,13 +391,15 @@ PA_PASS pa_detail::PlaneSums sumBand(const ScanView& scan, const BandTest& band,
             const SKesp3DPosition* p = line.pts + s;
             const int n = static_cast<int>(std::min<int64_t>(kBlockPoints, line.count - s));
             const int both = std::min(n, pendingCount);
-            int m = 0, i = 0;
+            cv::Point3f* next = gathered;
+            int i = 0;
             for (; i < both; ++i) {
-                m = gatherBandPoint(p[i], band, gathered, m);
+                next = gatherBandPoint(p[i], band, next);
                 sums.add(pending[i]);
             }
-            for (; i < n; ++i) m = gatherBandPoint(p[i], band, gathered, m);
+            for (; i < n; ++i) next = gatherBandPoint(p[i], band, next);
             for (; i < pendingCount; ++i) sums.add(pending[i]);
+            const int m = static_cast<int>(next - gathered);
             pendingCount = m;
             if (m == 0) continue;
             BandBlock b{p, n, {}, {}};
