@@ -5,6 +5,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -208,23 +209,44 @@ void bandLimits(const std::vector<HistogramEntry>& valleys, int32_t peakBin, int
     }
 }
 
-/// Writes point p, converted to single precision, to out[m] and returns the
-/// count of band points in out: m + 1 if p lies in the band, else m (the slot
-/// is then overwritten by the next point). The band lies within the scan's
-/// range of calibration heights, so the band test alone also rejects
-/// unmeasured and non-finite heights. No branch: the band edges are noisy,
-/// and a branch there would be mispredicted.
-inline int gatherBandPoint(const SKesp3DPosition& p, double zLow, double zHigh, cv::Point3f* out, int m) {
-    out[m] = cv::Point3f(static_cast<float>(p.x), static_cast<float>(p.y), static_cast<float>(p.z));
-    return m + ((p.z >= zLow) & (p.z <= zHigh));
+/// The band test z in [zLow, zHigh] for 0 < zLow <= zHigh (both finite), as a
+/// single unsigned comparison of bit patterns. The bits of non-negative
+/// doubles are ordered as their values, with +inf and then NaN above every
+/// finite value; a set sign bit (negative values, -0, negative NaN) puts the
+/// pattern above every positive one. So bits(z) - bits(zLow), taken modulo
+/// 2^64, is at most bits(zHigh) - bits(zLow) exactly when z is a number in
+/// the band: smaller patterns wrap around to huge differences. The band lies
+/// within the scan's range of calibration heights, so this also rejects
+/// unmeasured and non-finite heights.
+class BandTest {
+public:
+    BandTest(double zLow, double zHigh) : low_(bitsOf(zLow)), width_(bitsOf(zHigh) - bitsOf(zLow)) {}
+    bool holds(const double& z) const { return bitsOf(z) - low_ <= width_; }
+
+private:
+    static uint64_t bitsOf(double v) {
+        uint64_t u;
+        std::memcpy(&u, &v, sizeof u);
+        return u;
+    }
+    uint64_t low_, width_;
+};
+
+/// Writes point p, converted to single precision, to *out and returns where
+/// the next band point goes: past it if p lies in the band, else out itself
+/// (the slot is then overwritten by the next point). No branch: the band
+/// edges are noisy, and a branch there would be mispredicted.
+inline cv::Point3f* gatherBandPoint(const SKesp3DPosition& p, const BandTest& band, cv::Point3f* out) {
+    *out = cv::Point3f(static_cast<float>(p.x), static_cast<float>(p.y), static_cast<float>(p.z));
+    return out + static_cast<int>(band.holds(p.z));
 }
 
 /// The band points of p[0 .. n) in single precision, in order, into `out`;
 /// returns their number.
-inline int bandPointsOf(const SKesp3DPosition* p, int n, double zLow, double zHigh, cv::Point3f* out) {
-    int m = 0;
-    for (int i = 0; i < n; ++i) m = gatherBandPoint(p[i], zLow, zHigh, out, m);
-    return m;
+inline int bandPointsOf(const SKesp3DPosition* p, int n, const BandTest& band, cv::Point3f* out) {
+    cv::Point3f* next = out;
+    for (int i = 0; i < n; ++i) next = gatherBandPoint(p[i], band, next);
+    return static_cast<int>(next - out);
 }
 
 /// Least-squares sums of a stream of single-precision points, added in
@@ -232,38 +254,37 @@ inline int bandPointsOf(const SKesp3DPosition* p, int n, double zLow, double zHi
 class StreamingPlaneSums {
 public:
 #if CV_SIMD128_64F
-    // The sums in pairs: (x, y) times x, y, z and 1 gives (x^2, xy),
-    // (yx, y^2), (xz, yz) and (x, y); z is summed alone. Each sum gets
-    // exactly the terms of PlaneSums::add in the same order, so the result is
-    // bit for bit the same, in fewer instructions. (yx is a second copy of
-    // xy and is dropped.)
+    // The sums in pairs, from xy = (x, y) and yz = (y, z): xy * xy gives
+    // (x^2, y^2), xy * yz gives (xy, yz), (x, x) * (1, z) gives (x, xz), and
+    // yz itself (y, z). Every product of two floats is exact in double (and
+    // x * 1 is x), so each sum gets exactly the terms of PlaneSums::add in
+    // the same order: the result is bit for bit the same, in fewer
+    // instructions.
     void add(const cv::Point3f& p) {
         const cv::v_float64x2 xy = cv::v_cvt_f64(cv::v_load_low(&p.x));
-        const double z = p.z;
-        byX_ = byX_ + cv::v_combine_low(xy, xy) * xy;
-        byY_ = byY_ + cv::v_combine_high(xy, xy) * xy;
-        byZ_ = byZ_ + cv::v_setall_f64(z) * xy;
-        byOne_ = byOne_ + xy;
-        sz_ += z;
+        const cv::v_float64x2 yz = cv::v_cvt_f64(cv::v_load_low(&p.y));
+        squares_ = squares_ + xy * xy;
+        mixed_ = mixed_ + xy * yz;
+        byX_ = byX_ + cv::v_combine_low(xy, xy) * cv::v_combine_high(cv::v_setall_f64(1.0), yz);
+        plain_ = plain_ + yz;
         ++m_;
     }
     pa_detail::PlaneSums sums() const {
         pa_detail::PlaneSums s;
-        s.sxx = byX_.get0();
-        s.sxy = cv::v_extract_n<1>(byX_);
-        s.syy = cv::v_extract_n<1>(byY_);
-        s.sxz = byZ_.get0();
-        s.syz = cv::v_extract_n<1>(byZ_);
-        s.sx = byOne_.get0();
-        s.sy = cv::v_extract_n<1>(byOne_);
-        s.sz = sz_;
+        s.sxx = squares_.get0();
+        s.syy = cv::v_extract_n<1>(squares_);
+        s.sxy = mixed_.get0();
+        s.syz = cv::v_extract_n<1>(mixed_);
+        s.sx = byX_.get0();
+        s.sxz = cv::v_extract_n<1>(byX_);
+        s.sy = plain_.get0();
+        s.sz = cv::v_extract_n<1>(plain_);
         s.m = m_;
         return s;
     }
 
 private:
-    cv::v_float64x2 byX_ = cv::v_setzero_f64(), byY_ = byX_, byZ_ = byX_, byOne_ = byX_;
-    double sz_ = 0.0;
+    cv::v_float64x2 squares_ = cv::v_setzero_f64(), mixed_ = squares_, byX_ = squares_, plain_ = squares_;
     int64_t m_ = 0;
 #else
     void add(const cv::Point3f& p) { sums_.add(p); }
@@ -300,10 +321,21 @@ void boundingBox(cv::Point3f* pts, int m, cv::Point3f& lo, cv::Point3f& hi) {
     const float* f = &pts[0].x;
     v_float32x4 lo0 = cv::v_setall_f32(kInf), lo1 = lo0, lo2 = lo0;
     v_float32x4 hi0 = cv::v_setall_f32(-kInf), hi1 = hi0, hi2 = hi0;
-    // A comparison and a select, not v_min / v_max, so that a NaN is skipped
-    // on every instruction set.
+    // v < acc ? v : acc and v > acc ? v : acc, so that a NaN is skipped on
+    // every instruction set. SSE's MINPS and MAXPS compute exactly these (the
+    // second operand when the comparison fails, NaN included) in one
+    // instruction; elsewhere a comparison and a select.
+#if CV_SSE2
+    auto lower = [](const v_float32x4& v, const v_float32x4& acc) {
+        return v_float32x4(_mm_min_ps(v.val, acc.val));
+    };
+    auto higher = [](const v_float32x4& v, const v_float32x4& acc) {
+        return v_float32x4(_mm_max_ps(v.val, acc.val));
+    };
+#else
     auto lower = [](const v_float32x4& v, const v_float32x4& acc) { return cv::v_select(v < acc, v, acc); };
     auto higher = [](const v_float32x4& v, const v_float32x4& acc) { return cv::v_select(v > acc, v, acc); };
+#endif
     for (int k = 0; k < m; k += 4, f += 12) {
         const v_float32x4 v0 = cv::v_load(f), v1 = cv::v_load(f + 4), v2 = cv::v_load(f + 8);
         lo0 = lower(v0, lo0);
@@ -348,8 +380,7 @@ void boundingBox(cv::Point3f* pts, int m, cv::Point3f& lo, cv::Point3f& hi) {
 /// changes the sums in their last bits), and each block is summed while the
 /// next one is gathered: the sums are a chain of dependent additions, and
 /// interleaved with the reads they cost little more than the reads alone.
-PA_PASS pa_detail::PlaneSums sumBand(const ScanView& scan, double zLow, double zHigh,
-                                     std::vector<BandBlock>& blocks) {
+PA_PASS pa_detail::PlaneSums sumBand(const ScanView& scan, const BandTest& band, std::vector<BandBlock>& blocks) {
     StreamingPlaneSums sums;
     cv::Point3f buffers[2][kBlockPoints];
     cv::Point3f* gathered = buffers[0];  // the block being read
@@ -360,13 +391,15 @@ PA_PASS pa_detail::PlaneSums sumBand(const ScanView& scan, double zLow, double z
             const SKesp3DPosition* p = line.pts + s;
             const int n = static_cast<int>(std::min<int64_t>(kBlockPoints, line.count - s));
             const int both = std::min(n, pendingCount);
-            int m = 0, i = 0;
+            cv::Point3f* next = gathered;
+            int i = 0;
             for (; i < both; ++i) {
-                m = gatherBandPoint(p[i], zLow, zHigh, gathered, m);
+                next = gatherBandPoint(p[i], band, next);
                 sums.add(pending[i]);
             }
-            for (; i < n; ++i) m = gatherBandPoint(p[i], zLow, zHigh, gathered, m);
+            for (; i < n; ++i) next = gatherBandPoint(p[i], band, next);
             for (; i < pendingCount; ++i) sums.add(pending[i]);
+            const int m = static_cast<int>(next - gathered);
             pendingCount = m;
             if (m == 0) continue;
             BandBlock b{p, n, {}, {}};
@@ -420,10 +453,10 @@ float lowerBound(const BandBlock& b, const double* rotation) {
     return static_cast<float>(levelledHeight(rotation, x, y, z) - kBoundSlack * magnitude);
 }
 
-void addBlock(const BandBlock& b, double zLow, double zHigh, LowestLevelledHeight& lowest) {
-    cv::Point3f band[kBlockPoints];
-    const int m = bandPointsOf(b.pts, b.count, zLow, zHigh, band);
-    for (int k = 0; k < m; ++k) lowest.add(band[k]);
+void addBlock(const BandBlock& b, const BandTest& band, LowestLevelledHeight& lowest) {
+    cv::Point3f pts[kBlockPoints];
+    const int m = bandPointsOf(b.pts, b.count, band, pts);
+    for (int k = 0; k < m; ++k) lowest.add(pts[k]);
 }
 
 /// Lowest levelled height of the band points (0.0 without any). The block
@@ -433,7 +466,7 @@ void addBlock(const BandBlock& b, double zLow, double zHigh, LowestLevelledHeigh
 /// all lie strictly above the minimum, so the result is that of reading every
 /// band point in scan order, down to which of two equal heights (+0 and -0)
 /// is kept.
-PA_PASS double lowestBandHeight(const std::vector<BandBlock>& blocks, double zLow, double zHigh,
+PA_PASS double lowestBandHeight(const std::vector<BandBlock>& blocks, const BandTest& band,
                                 const double* rotation) {
     if (blocks.empty()) return 0.0;
     size_t first = 0;
@@ -446,11 +479,11 @@ PA_PASS double lowestBandHeight(const std::vector<BandBlock>& blocks, double zLo
         }
     }
     LowestLevelledHeight probe(rotation);
-    addBlock(blocks[first], zLow, zHigh, probe);
+    addBlock(blocks[first], band, probe);
     LowestLevelledHeight lowest(rotation);
     for (const BandBlock& b : blocks) {
         if (lowerBound(b, rotation) > std::min(probe.lowest(), lowest.lowest())) continue;
-        addBlock(b, zLow, zHigh, lowest);
+        addBlock(b, band, lowest);
     }
     return lowest.lowest();
 }
@@ -502,10 +535,17 @@ SHX_planeCalibPara calibrateScan(const ScanView& scan) {
     // much fresh memory costs more than reading it again): the fit sums it in
     // one pass, and the plane height rereads only the blocks of it that can
     // hold the lowest levelled point.
+    // Both edges are at least zr.min > 0; should rounding ever
+    // put zLow above zHigh, the band holds no point.
     std::vector<BandBlock> blocks;
-    blocks.reserve(blockCapacity(scan));
-    SHX_planeCalibPara r = levellingRotations(pa_detail::solvePlane(sumBand(scan, zLow, zHigh, blocks)));
-    r.planeHeight = lowestBandHeight(blocks, zLow, zHigh, r.planeCalib);
+    pa_detail::PlaneSums sums;
+    const BandTest band(zLow, zHigh);
+    if (zLow <= zHigh) {
+        blocks.reserve(blockCapacity(scan));
+        sums = sumBand(scan, band, blocks);
+    }
+    SHX_planeCalibPara r = levellingRotations(pa_detail::solvePlane(sums));
+    r.planeHeight = lowestBandHeight(blocks, band, r.planeCalib);
     return r;
 }
 

@@ -325,6 +325,21 @@ struct SpanBest {
 
 SpanBest spanBest(const float* colMax, int32_t xa, int32_t xe) {
     constexpr int32_t kMaskBits = 64;
+#if CV_SIMD128
+    if (xe - xa >= 4 && xe - xa <= 8) {
+        // The common span (half a window of up to sixteen columns) in two
+        // vectors, the second ending at the span's end and overlapping the
+        // first where the span is narrower: a column seen twice changes
+        // neither the maximum nor the first column holding it, as the second
+        // vector's mask bits are placed at its own columns.
+        const cv::v_float32x4 a = cv::v_load(colMax + xa), b = cv::v_load(colMax + xe - 4);
+        const float value = cv::v_reduce_max(cv::v_max(a, b));
+        const cv::v_float32x4 best = cv::v_setall_f32(value);
+        const uint32_t mask = static_cast<uint32_t>(cv::v_signmask(a == best)) |
+                              (static_cast<uint32_t>(cv::v_signmask(b == best)) << (xe - xa - 4));
+        return SpanBest{value, xa + lowestBit(mask)};
+    }
+#endif
     SpanBest r{cellMax(colMax, xa, xe), xa};
 #if CV_SIMD128
     if (xe - xa >= 4 && xe - xa <= kMaskBits) {
@@ -404,8 +419,15 @@ void searchImageByBands(const ImageSamples& s, int32_t W, int32_t H, const std::
             if (bx == x0 || int64_t{bx} == int64_t{x0} + W - 1) continue;
             int32_t band = ba;
             while (band < bb - 1 && !(bandMax[band - ba][bx] == best)) ++band;
+            // The first row of the band holding the value (one always does: the
+            // band's column maximum is one of its pixels).
             int32_t by = cy.at[band];
-            for (int32_t y = cy.at[band + 1] - 1; y >= cy.at[band]; --y) by = rows[y][bx] == best ? y : by;
+            for (int32_t y = cy.at[band]; y < cy.at[band + 1]; ++y) {
+                if (rows[y][bx] == best) {
+                    by = y;
+                    break;
+                }
+            }
             // The pixel's own value: +0 and -0 compare equal but are kept as found.
             report(Best{rows[by][bx], bx, by, true}, x0, y0, W, H, reported, peaks);
         }

@@ -391,6 +391,35 @@ TEST(PlaneCalib, MatchesPlainReferenceOnTallHistograms) {
     EXPECT_GT(levelled, 10);
 }
 
+TEST(PlaneCalib, MatchesPlainReferenceWithEveryKindOfUnmeasuredHeight) {
+    // The band test compares bit patterns: negative heights, -0, NaN of
+    // either sign, -inf and heights just below the validity limit must all
+    // stay out of the band, exactly as the plain comparisons keep them out.
+    const double kUnmeasured[] = {0.0,
+                                  -0.0,
+                                  -1.0,
+                                  -1e300,
+                                  -std::numeric_limits<double>::infinity(),
+                                  std::numeric_limits<double>::quiet_NaN(),
+                                  -std::numeric_limits<double>::quiet_NaN(),
+                                  std::nextafter(0.0001, 0.0),
+                                  std::numeric_limits<double>::denorm_min()};
+    const int kinds = static_cast<int>(sizeof(kUnmeasured) / sizeof(kUnmeasured[0]));
+    testutil::Rng rng(99);
+    int levelled = 0;
+    for (int trial = 0; trial < 1000; ++trial) {
+        Scan scan = randomScan(rng);
+        for (auto& line : scan)
+            for (auto& p : line)
+                if (p.z == 0.0) p.z = kUnmeasured[rng.integer(0, kinds - 1)];
+        const auto want = refCalibrate(scan);
+        ASSERT_TRUE(sameBits(calibrate(scan), want)) << "trial " << trial;
+        ASSERT_TRUE(sameBits(hx_getPlaneCalibPara2(scan), want)) << "trial " << trial;
+        levelled += want.planeHeight != -1.0;
+    }
+    EXPECT_GT(levelled, 300);
+}
+
 // ---------------------------------------------------------------------------
 // The plane height reads only the parts of the band that can hold the lowest
 // levelled point: it must still equal the minimum over every band point.
