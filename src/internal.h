@@ -112,23 +112,47 @@ struct ExtremumCandidate {
 };
 
 /// Working storage of the candidate scan for a line of `count` points: the
-/// peak and the valley candidates, each in line order, in one uninitialised
-/// allocation. Peaks and valleys alternate and every candidate is a distinct
-/// valid point other than the first, so neither kind exceeds count / 2.
+/// candidates' indices in line order as the scan finds them (peaks and valleys
+/// alternate, so one list holds both and the first one's kind gives every
+/// kind), then the peaks and the valleys apart, each in line order. Every
+/// candidate is a distinct valid point other than the first, so there are
+/// fewer than count; the scan writes one slot past the last candidate.
 class ExtremumCandidates {
 public:
     explicit ExtremumCandidates(int32_t count)
-        : capacity_(static_cast<size_t>(count) / 2 + 2), storage_(new ExtremumCandidate[2 * capacity_]) {}
-    ExtremumCandidate* peaks() { return storage_.get(); }
-    ExtremumCandidate* valleys() { return storage_.get() + capacity_; }
-    const ExtremumCandidate* peaks() const { return storage_.get(); }
-    const ExtremumCandidate* valleys() const { return storage_.get() + capacity_; }
+        : order_(new int32_t[static_cast<size_t>(count > 0 ? count : 0) + 2]) {}
+
+    /// Room for the scan's index list.
+    int32_t* order() { return order_.get(); }
+    const ExtremumCandidate* peaks() const { return split_.get(); }
+    const ExtremumCandidate* valleys() const { return split_.get() + peakCount; }
     size_t peakCount = 0;
     size_t valleyCount = 0;
 
+    /// Splits the scan's list of `n` indices into peaks and valleys, the
+    /// first being a peak when firstIsPeak, with y and the value compared
+    /// (valueAt(i), the same value the scan compared).
+    template <class ValueAt>
+    void split(const SKesp3DPosition* points, size_t n, bool firstIsPeak, ValueAt valueAt) {
+        const size_t firstPeak = firstIsPeak ? 0 : 1;
+        peakCount = n > firstPeak ? (n - firstPeak + 1) / 2 : 0;
+        valleyCount = n - peakCount;
+        if (n == 0) return;
+        split_.reset(new ExtremumCandidate[n]);
+        ExtremumCandidate* p = split_.get();
+        ExtremumCandidate* v = p + peakCount;
+        const int32_t* ord = order_.get();
+        for (size_t k = 0; k < n; ++k) {
+            const int32_t i = ord[k];
+            const ExtremumCandidate c{i, points[i].y, valueAt(i)};
+            if ((k & 1) == firstPeak) *p++ = c;
+            else *v++ = c;
+        }
+    }
+
 private:
-    size_t capacity_;
-    std::unique_ptr<ExtremumCandidate[]> storage_;
+    std::unique_ptr<int32_t[]> order_;
+    std::unique_ptr<ExtremumCandidate[]> split_;
 };
 
 /// Candidate scan along a line: the valid points (z >= 0.0001) are fed in
@@ -138,83 +162,36 @@ private:
 /// from rising to falling makes the previous point a peak candidate, from
 /// falling to rising a valley candidate. Equal values (and NaN differences)
 /// never change the trend, so a plateau yields its last point, and the first
-/// point is never a candidate. finish() adds the last point as an end
-/// candidate when asked to (the line ends in invalid points).
+/// point is never a candidate. The last point fed becomes an end candidate of
+/// the current trend when the line ends in invalid points.
 ///
-/// Feeding goes in three phases, each a loop of its own in the caller: start()
-/// with the first point, decide() until the first rise or fall (it returns
-/// true once the trend is decided), then feed(). Once decided, the trend
-/// changes only where a candidate is emitted, so it is kept as a factor of +1
-/// (rising) or -1 (falling) and one product per point tells a step against it
-/// (d * trend < 0, never true for a level step or a NaN difference): only the
-/// rare candidates take a branch.
-class ExtremumScanner {
-public:
-    ExtremumScanner(const SKesp3DPosition* points, ExtremumCandidates& out)
-        : points_(points), peaks_(out.peaks()), valleys_(out.valleys()), out_(out) {}
-
-    void start(int32_t i, double v) {
-        prev_ = i;
-        prevV_ = v;
-    }
-
-    bool decide(int32_t i, double v) {
-        const double d = v - prevV_;
-        prev_ = i;
-        prevV_ = v;
-        if (d > 0) trend_ = 1.0;
-        else if (d < 0) trend_ = -1.0;
-        return trend_ != 0.0;
-    }
-
-    void feed(int32_t i, double v) {
-        if ((v - prevV_) * trend_ < 0) {
-            emit();
-            trend_ = -trend_;
-        }
-        prev_ = i;
-        prevV_ = v;
-    }
-
-    /// Stores the counts in the output; with endCandidate the last point fed
-    /// becomes a candidate of the current trend (none while undecided).
-    void finish(bool endCandidate) {
-        if (endCandidate && trend_ != 0.0) emit();
-        out_.peakCount = np_;
-        out_.valleyCount = nv_;
-    }
-
-private:
-    void emit() {
-        const ExtremumCandidate c{prev_, points_[prev_].y, prevV_};
-        if (trend_ > 0) peaks_[np_++] = c;
-        else valleys_[nv_++] = c;
-    }
-
-    const SKesp3DPosition* points_;
-    ExtremumCandidate* peaks_;
-    ExtremumCandidate* valleys_;
-    ExtremumCandidates& out_;
-    size_t np_ = 0, nv_ = 0;
-    int32_t prev_ = 0;
-    double prevV_ = 0.0;
-    double trend_ = 0.0;
-};
-
-/// Runs an ExtremumScanner over points[0..count) in its three phases.
-/// valueAt(i) gives the value compared at a valid point i; onPoint(i) is
-/// called for every point, valid or not, in the same pass (it is called inside
-/// both branches of the validity test so that the compiler keeps it in the
-/// scanning loop instead of splitting it into a second pass over memory).
+/// The scan runs in three loops: up to the first valid point, up to the first
+/// rise or fall (which fixes the kind of the first candidate), then the rest.
+/// In the last loop the trend is the sign of the latest non-zero change and a
+/// candidate is a change of the opposite sign; on noisy stretches that happens
+/// at random, so the loop does not branch on it: it writes the previous index
+/// into the next free slot of the list every time and advances the count only
+/// for a candidate.
+///
+/// valueAt(i) gives the value compared at a valid point i and must depend on i
+/// alone (it is evaluated again for the candidates); onPoint(i) is called for
+/// every point, valid or not, in the same pass (it is called inside both
+/// branches of the validity test so that the compiler keeps it in the scanning
+/// loop instead of splitting it into a second pass over memory).
 template <class ValueAt, class OnPoint>
 inline void scanExtremumCandidates(const SKesp3DPosition* points, int32_t count, ValueAt valueAt, OnPoint onPoint,
                                    ExtremumCandidates& out) {
-    ExtremumScanner scanner(points, out);
+    int32_t* const order = out.order();
+    size_t n = 0;
+    int32_t prev = 0;
+    double prevV = 0.0;
+    int trend = 0;  // +1 rising, -1 falling, 0 until the first rise or fall
     int32_t i = 0;
     for (; i < count; ++i) {
         onPoint(i);
         if (isValidZ(points[i].z)) {
-            scanner.start(i, valueAt(i));
+            prev = i;
+            prevV = valueAt(i);
             ++i;
             break;
         }
@@ -222,7 +199,12 @@ inline void scanExtremumCandidates(const SKesp3DPosition* points, int32_t count,
     for (; i < count; ++i) {
         if (isValidZ(points[i].z)) {
             onPoint(i);
-            if (scanner.decide(i, valueAt(i))) {
+            const double v = valueAt(i);
+            const double d = v - prevV;
+            prev = i;
+            prevV = v;
+            trend = (d > 0) - (d < 0);
+            if (trend != 0) {
                 ++i;
                 break;
             }
@@ -230,15 +212,27 @@ inline void scanExtremumCandidates(const SKesp3DPosition* points, int32_t count,
             onPoint(i);
         }
     }
+    const bool firstIsPeak = trend > 0;
+    unsigned rising = firstIsPeak ? 1u : 0u;
     for (; i < count; ++i) {
         if (isValidZ(points[i].z)) {
             onPoint(i);
-            scanner.feed(i, valueAt(i));
+            const double v = valueAt(i);
+            const double d = v - prevV;
+            const unsigned up = d > 0, down = d < 0;
+            // A rise while falling or a fall while rising; the trend turns with it.
+            const unsigned turn = (up | down) & (up ^ rising);
+            order[n] = prev;
+            n += turn;
+            rising ^= turn;
+            prev = i;
+            prevV = v;
         } else {
             onPoint(i);
         }
     }
-    scanner.finish(count > 0 && !isValidZ(points[count - 1].z));
+    if (trend != 0 && count > 0 && !isValidZ(points[count - 1].z)) order[n++] = prev;
+    out.split(points, n, firstIsPeak, valueAt);
 }
 
 /// Neighbourhood suppression along y: candidate k survives unless some
