@@ -114,7 +114,7 @@ struct ExtremumCandidate {
 /// Working storage of the candidate scan for a line of `count` points: the
 /// candidates' indices in line order as the scan finds them (peaks and valleys
 /// alternate, so one list holds both and the first one's kind gives every
-/// kind), then the peaks and the valleys apart, each in line order. Every
+/// kind), and on request the peaks and the valleys apart. Every
 /// candidate is a distinct valid point other than the first, so there are
 /// fewer than count; the scan writes one slot past the last candidate.
 class ExtremumCandidates {
@@ -124,28 +124,34 @@ public:
 
     /// Room for the scan's index list.
     int32_t* order() { return order_.get(); }
-    const ExtremumCandidate* peaks() const { return split_.get(); }
-    const ExtremumCandidate* valleys() const { return split_.get() + peakCount; }
-    size_t peakCount = 0;
-    size_t valleyCount = 0;
+    const int32_t* order() const { return order_.get(); }
+    size_t found = 0;          ///< candidates in the list
+    bool firstIsPeak = false;  ///< kind of the first one
+    /// Where the peaks (or the valleys) start in the list; they then take every
+    /// second entry.
+    size_t firstPeakPos() const { return firstIsPeak ? 0 : 1; }
+    size_t firstValleyPos() const { return firstIsPeak ? 1 : 0; }
+    size_t peakCount() const { return found > firstPeakPos() ? (found - firstPeakPos() + 1) / 2 : 0; }
+    size_t valleyCount() const { return found - peakCount(); }
 
-    /// Splits the scan's list of `n` indices into peaks and valleys, the
-    /// first being a peak when firstIsPeak, with y and the value compared
-    /// (valueAt(i), the same value the scan compared).
+    /// The peaks and the valleys apart, each in line order, with y and the
+    /// value compared (valueAt(i), the same value the scan compared): filled
+    /// by split().
+    const ExtremumCandidate* peaks() const { return split_.get(); }
+    const ExtremumCandidate* valleys() const { return split_.get() + peakCount(); }
+
     template <class ValueAt>
-    void split(const SKesp3DPosition* points, size_t n, bool firstIsPeak, ValueAt valueAt) {
-        const size_t firstPeak = firstIsPeak ? 0 : 1;
-        peakCount = n > firstPeak ? (n - firstPeak + 1) / 2 : 0;
-        valleyCount = n - peakCount;
+    void split(const SKesp3DPosition* points, ValueAt valueAt) {
+        const size_t n = found;
         if (n == 0) return;
         split_.reset(new ExtremumCandidate[n]);
         ExtremumCandidate* p = split_.get();
-        ExtremumCandidate* v = p + peakCount;
+        ExtremumCandidate* v = p + peakCount();
         const int32_t* ord = order_.get();
         for (size_t k = 0; k < n; ++k) {
             const int32_t i = ord[k];
             const ExtremumCandidate c{i, points[i].y, valueAt(i)};
-            if ((k & 1) == firstPeak) *p++ = c;
+            if ((k & 1) == firstPeakPos()) *p++ = c;
             else *v++ = c;
         }
     }
@@ -214,53 +220,96 @@ inline void scanExtremumCandidates(const SKesp3DPosition* points, int32_t count,
     }
     const bool firstIsPeak = trend > 0;
     unsigned rising = firstIsPeak ? 1u : 0u;
-    for (; i < count; ++i) {
-        if (isValidZ(points[i].z)) {
+    // Point i with value v follows prev. The trend after it is set by the sign
+    // of the change; a change of the trend makes prev a candidate. (A select
+    // rather than arithmetic on the old trend keeps the chain from one point
+    // to the next one instruction long.)
+    const auto step = [&](int32_t i, double v) {
+        const double d = v - prevV;
+        const unsigned up = d > 0, down = d < 0;
+        const unsigned next = (up | down) ? up : rising;
+        order[n] = prev;
+        n += next ^ rising;
+        rising = next;
+        prev = i;
+        prevV = v;
+    };
+    // Four points at a time. Where all four are valid and none of their
+    // changes goes against the trend (the usual case away from noisy flats),
+    // none of them is a candidate and only the last one is kept; otherwise
+    // they go through step() one by one. (d * sign < 0 is d against the
+    // trend: never true for a level step or a NaN difference.)
+    for (; i + 3 < count; i += 4) {
+        if (isValidZ(points[i].z) && isValidZ(points[i + 1].z) && isValidZ(points[i + 2].z) &&
+            isValidZ(points[i + 3].z)) {
             onPoint(i);
-            const double v = valueAt(i);
-            const double d = v - prevV;
-            const unsigned up = d > 0, down = d < 0;
-            // A rise while falling or a fall while rising; the trend turns with it.
-            const unsigned turn = (up | down) & (up ^ rising);
-            order[n] = prev;
-            n += turn;
-            rising ^= turn;
-            prev = i;
-            prevV = v;
+            onPoint(i + 1);
+            onPoint(i + 2);
+            onPoint(i + 3);
+            const double v0 = valueAt(i), v1 = valueAt(i + 1), v2 = valueAt(i + 2), v3 = valueAt(i + 3);
+            const double sign = rising ? 1.0 : -1.0;
+            const bool against = ((v0 - prevV) * sign < 0) | ((v1 - v0) * sign < 0) | ((v2 - v1) * sign < 0) |
+                                 ((v3 - v2) * sign < 0);
+            if (!against) {
+                prev = i + 3;
+                prevV = v3;
+            } else {
+                step(i, v0);
+                step(i + 1, v1);
+                step(i + 2, v2);
+                step(i + 3, v3);
+            }
         } else {
-            onPoint(i);
+            for (int32_t k = i; k < i + 4; ++k) {
+                onPoint(k);
+                if (isValidZ(points[k].z)) step(k, valueAt(k));
+            }
         }
     }
+    for (; i < count; ++i) {
+        onPoint(i);
+        if (isValidZ(points[i].z)) step(i, valueAt(i));
+    }
     if (trend != 0 && count > 0 && !isValidZ(points[count - 1].z)) order[n++] = prev;
-    out.split(points, n, firstIsPeak, valueAt);
+    out.found = n;
+    out.firstIsPeak = firstIsPeak;
 }
 
-/// Neighbourhood suppression along y: candidate k survives unless some
-/// candidate j within rangeY of it along y (squared distance <= rangeY^2) has
-/// rejects(v_k, v_j) true. Each side is scanned from k outwards and stops at
-/// the first candidate out of range, even if a later one is in range again.
-/// emit(candidate) is called for the survivors, in candidate order.
-template <class Rejects, class Emit>
-inline void suppressCandidates(const ExtremumCandidate* c, size_t m, double rangeY, Rejects rejects, Emit emit) {
+/// Neighbourhood suppression along y over m candidates, candidate k at yAt(k)
+/// with value vAt(k): candidate k survives unless some candidate j within
+/// rangeY of it along y (squared distance <= rangeY^2) has rejects(v_k, v_j)
+/// true. Each side is scanned from k outwards and stops at the first candidate
+/// out of range, even if a later one is in range again. emit(k) is called for
+/// the survivors, in candidate order.
+template <class YAt, class VAt, class Rejects, class Emit>
+inline void suppressCandidatesAt(size_t m, double rangeY, YAt yAt, VAt vAt, Rejects rejects, Emit emit) {
     const double r2 = rangeY * rangeY;
     for (size_t k = 0; k < m; ++k) {
-        const double yk = c[k].y, vk = c[k].v;
+        const double yk = yAt(k), vk = vAt(k);
         bool rejected = false;
         for (size_t j = k; j-- > 0;) {
-            const double dy = yk - c[j].y;
+            const double dy = yk - yAt(j);
             if (dy * dy > r2) break;
-            if (rejects(vk, c[j].v)) {
+            if (rejects(vk, vAt(j))) {
                 rejected = true;
                 break;
             }
         }
         for (size_t j = k + 1; !rejected && j < m; ++j) {
-            const double dy = yk - c[j].y;
+            const double dy = yk - yAt(j);
             if (dy * dy > r2) break;
-            if (rejects(vk, c[j].v)) rejected = true;
+            if (rejects(vk, vAt(j))) rejected = true;
         }
-        if (!rejected) emit(c[k]);
+        if (!rejected) emit(k);
     }
+}
+
+/// The same over an array of candidates; emit(candidate) for the survivors.
+template <class Rejects, class Emit>
+inline void suppressCandidates(const ExtremumCandidate* c, size_t m, double rangeY, Rejects rejects, Emit emit) {
+    suppressCandidatesAt(
+        m, rangeY, [c](size_t k) { return c[k].y; }, [c](size_t k) { return c[k].v; }, rejects,
+        [c, &emit](size_t k) { emit(c[k]); });
 }
 
 // ---------------------------------------------------------------------------

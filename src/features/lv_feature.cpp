@@ -159,12 +159,14 @@ void LineKernel::extractRunsAndSegments() {
                 const double zi = p[i].z;
                 if (!isValidZ(zi)) break;
                 const double d = zi - zPrev;
+                // The direction after this point; a change of it ends the run at
+                // prev. (A select rather than arithmetic on the old direction keeps
+                // the chain from one point to the next one instruction long.)
                 const unsigned up = d > 0, down = d < 0;
-                // A rise while falling or a fall while rising ends the run at prev.
-                const unsigned turn = (up | down) & (up ^ rising);
+                const unsigned next = (up | down) ? up : rising;
                 turns[turnCount] = prev;
-                turnCount += turn;
-                rising ^= turn;
+                turnCount += next ^ rising;
+                rising = next;
                 prev = i;
                 zPrev = zi;
             }
