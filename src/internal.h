@@ -174,10 +174,11 @@ private:
 /// The scan runs in three loops: up to the first valid point, up to the first
 /// rise or fall (which fixes the kind of the first candidate), then the rest.
 /// In the last loop the trend is the sign of the latest non-zero change and a
-/// candidate is a change of the opposite sign; on noisy stretches that happens
-/// at random, so the loop does not branch on it: it writes the previous index
-/// into the next free slot of the list every time and advances the count only
-/// for a candidate.
+/// candidate is a change of the opposite sign. It takes four points at a time
+/// and skips them at once when none goes against the trend; otherwise, as on
+/// noisy stretches where candidates come at random, it does not branch on
+/// them: it writes the previous index into the next free slot of the list
+/// every time and advances the count only for a candidate.
 ///
 /// valueAt(i) gives the value compared at a valid point i and must depend on i
 /// alone (it is evaluated again for the candidates); onPoint(i) is called for
