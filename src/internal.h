@@ -113,23 +113,53 @@ struct ExtremumCandidate {
 };
 
 /// Working storage of the candidate scan for a line of `count` points: the
-/// peak and the valley candidates, each in line order, in one uninitialised
-/// allocation. Peaks and valleys alternate and every candidate is a distinct
-/// valid point other than the first, so neither kind exceeds count / 2.
+/// candidates' indices in line order as the scan finds them (peaks and valleys
+/// alternate, so one list holds both and the first one's kind gives every
+/// kind), and on request the peaks and the valleys apart. Every
+/// candidate is a distinct valid point other than the first, so there are
+/// fewer than count; the scan writes one slot past the last candidate.
 class ExtremumCandidates {
 public:
     explicit ExtremumCandidates(int32_t count)
-        : capacity_(static_cast<size_t>(count) / 2 + 2), storage_(new ExtremumCandidate[2 * capacity_]) {}
-    ExtremumCandidate* peaks() { return storage_.get(); }
-    ExtremumCandidate* valleys() { return storage_.get() + capacity_; }
-    const ExtremumCandidate* peaks() const { return storage_.get(); }
-    const ExtremumCandidate* valleys() const { return storage_.get() + capacity_; }
-    size_t peakCount = 0;
-    size_t valleyCount = 0;
+        : order_(new int32_t[static_cast<size_t>(count > 0 ? count : 0) + 2]) {}
+
+    /// Room for the scan's index list.
+    int32_t* order() { return order_.get(); }
+    const int32_t* order() const { return order_.get(); }
+    size_t found = 0;          ///< candidates in the list
+    bool firstIsPeak = false;  ///< kind of the first one
+    /// Where the peaks (or the valleys) start in the list; they then take every
+    /// second entry.
+    size_t firstPeakPos() const { return firstIsPeak ? 0 : 1; }
+    size_t firstValleyPos() const { return firstIsPeak ? 1 : 0; }
+    size_t peakCount() const { return found > firstPeakPos() ? (found - firstPeakPos() + 1) / 2 : 0; }
+    size_t valleyCount() const { return found - peakCount(); }
+
+    /// The peaks and the valleys apart, each in line order, with y and the
+    /// value compared (valueAt(i), the same value the scan compared): filled
+    /// by split().
+    const ExtremumCandidate* peaks() const { return split_.get(); }
+    const ExtremumCandidate* valleys() const { return split_.get() + peakCount(); }
+
+    template <class ValueAt>
+    void split(const SKesp3DPosition* points, ValueAt valueAt) {
+        const size_t n = found;
+        if (n == 0) return;
+        split_.reset(new ExtremumCandidate[n]);
+        ExtremumCandidate* p = split_.get();
+        ExtremumCandidate* v = p + peakCount();
+        const int32_t* ord = order_.get();
+        for (size_t k = 0; k < n; ++k) {
+            const int32_t i = ord[k];
+            const ExtremumCandidate c{i, points[i].y, valueAt(i)};
+            if ((k & 1) == firstPeakPos()) *p++ = c;
+            else *v++ = c;
+        }
+    }
 
 private:
-    size_t capacity_;
-    std::unique_ptr<ExtremumCandidate[]> storage_;
+    std::unique_ptr<int32_t[]> order_;
+    std::unique_ptr<ExtremumCandidate[]> split_;
 };
 
 /// Candidate scan along a line: the valid points (z >= 0.0001) are fed in
@@ -139,83 +169,37 @@ private:
 /// from rising to falling makes the previous point a peak candidate, from
 /// falling to rising a valley candidate. Equal values (and NaN differences)
 /// never change the trend, so a plateau yields its last point, and the first
-/// point is never a candidate. finish() adds the last point as an end
-/// candidate when asked to (the line ends in invalid points).
+/// point is never a candidate. The last point fed becomes an end candidate of
+/// the current trend when the line ends in invalid points.
 ///
-/// Feeding goes in three phases, each a loop of its own in the caller: start()
-/// with the first point, decide() until the first rise or fall (it returns
-/// true once the trend is decided), then feed(). Once decided, the trend
-/// changes only where a candidate is emitted, so it is kept as a factor of +1
-/// (rising) or -1 (falling) and one product per point tells a step against it
-/// (d * trend < 0, never true for a level step or a NaN difference): only the
-/// rare candidates take a branch.
-class ExtremumScanner {
-public:
-    ExtremumScanner(const SKesp3DPosition* points, ExtremumCandidates& out)
-        : points_(points), peaks_(out.peaks()), valleys_(out.valleys()), out_(out) {}
-
-    void start(int32_t i, double v) {
-        prev_ = i;
-        prevV_ = v;
-    }
-
-    bool decide(int32_t i, double v) {
-        const double d = v - prevV_;
-        prev_ = i;
-        prevV_ = v;
-        if (d > 0) trend_ = 1.0;
-        else if (d < 0) trend_ = -1.0;
-        return trend_ != 0.0;
-    }
-
-    void feed(int32_t i, double v) {
-        if ((v - prevV_) * trend_ < 0) {
-            emit();
-            trend_ = -trend_;
-        }
-        prev_ = i;
-        prevV_ = v;
-    }
-
-    /// Stores the counts in the output; with endCandidate the last point fed
-    /// becomes a candidate of the current trend (none while undecided).
-    void finish(bool endCandidate) {
-        if (endCandidate && trend_ != 0.0) emit();
-        out_.peakCount = np_;
-        out_.valleyCount = nv_;
-    }
-
-private:
-    void emit() {
-        const ExtremumCandidate c{prev_, points_[prev_].y, prevV_};
-        if (trend_ > 0) peaks_[np_++] = c;
-        else valleys_[nv_++] = c;
-    }
-
-    const SKesp3DPosition* points_;
-    ExtremumCandidate* peaks_;
-    ExtremumCandidate* valleys_;
-    ExtremumCandidates& out_;
-    size_t np_ = 0, nv_ = 0;
-    int32_t prev_ = 0;
-    double prevV_ = 0.0;
-    double trend_ = 0.0;
-};
-
-/// Runs an ExtremumScanner over points[0..count) in its three phases.
-/// valueAt(i) gives the value compared at a valid point i; onPoint(i) is
-/// called for every point, valid or not, in the same pass (it is called inside
-/// both branches of the validity test so that the compiler keeps it in the
-/// scanning loop instead of splitting it into a second pass over memory).
+/// The scan runs in three loops: up to the first valid point, up to the first
+/// rise or fall (which fixes the kind of the first candidate), then the rest.
+/// In the last loop the trend is the sign of the latest non-zero change and a
+/// candidate is a change of the opposite sign. It takes four points at a time
+/// and skips them at once when none goes against the trend; otherwise, as on
+/// noisy stretches where candidates come at random, it does not branch on
+/// them: it writes the previous index into the next free slot of the list
+/// every time and advances the count only for a candidate.
+///
+/// valueAt(i) gives the value compared at a valid point i and must depend on i
+/// alone (it is evaluated again for the candidates); onPoint(i) is called for
+/// every point, valid or not, in the same pass (it is called inside both
+/// branches of the validity test so that the compiler keeps it in the scanning
+/// loop instead of splitting it into a second pass over memory).
 template <class ValueAt, class OnPoint>
 inline void scanExtremumCandidates(const SKesp3DPosition* points, int32_t count, ValueAt valueAt, OnPoint onPoint,
                                    ExtremumCandidates& out) {
-    ExtremumScanner scanner(points, out);
+    int32_t* const order = out.order();
+    size_t n = 0;
+    int32_t prev = 0;
+    double prevV = 0.0;
+    int trend = 0;  // +1 rising, -1 falling, 0 until the first rise or fall
     int32_t i = 0;
     for (; i < count; ++i) {
         onPoint(i);
         if (isValidZ(points[i].z)) {
-            scanner.start(i, valueAt(i));
+            prev = i;
+            prevV = valueAt(i);
             ++i;
             break;
         }
@@ -223,7 +207,12 @@ inline void scanExtremumCandidates(const SKesp3DPosition* points, int32_t count,
     for (; i < count; ++i) {
         if (isValidZ(points[i].z)) {
             onPoint(i);
-            if (scanner.decide(i, valueAt(i))) {
+            const double v = valueAt(i);
+            const double d = v - prevV;
+            prev = i;
+            prevV = v;
+            trend = (d > 0) - (d < 0);
+            if (trend != 0) {
                 ++i;
                 break;
             }
@@ -231,43 +220,98 @@ inline void scanExtremumCandidates(const SKesp3DPosition* points, int32_t count,
             onPoint(i);
         }
     }
-    for (; i < count; ++i) {
-        if (isValidZ(points[i].z)) {
+    const bool firstIsPeak = trend > 0;
+    unsigned rising = firstIsPeak ? 1u : 0u;
+    // Point i with value v follows prev. The trend after it is set by the sign
+    // of the change; a change of the trend makes prev a candidate. (A select
+    // rather than arithmetic on the old trend keeps the chain from one point
+    // to the next one instruction long.)
+    const auto step = [&](int32_t i, double v) {
+        const double d = v - prevV;
+        const unsigned up = d > 0, down = d < 0;
+        const unsigned next = (up | down) ? up : rising;
+        order[n] = prev;
+        n += next ^ rising;
+        rising = next;
+        prev = i;
+        prevV = v;
+    };
+    // Four points at a time. Where all four are valid and none of their
+    // changes goes against the trend (the usual case away from noisy flats),
+    // none of them is a candidate and only the last one is kept; otherwise
+    // they go through step() one by one. (d * sign < 0 is d against the
+    // trend: never true for a level step or a NaN difference.)
+    for (; i + 3 < count; i += 4) {
+        if (isValidZ(points[i].z) && isValidZ(points[i + 1].z) && isValidZ(points[i + 2].z) &&
+            isValidZ(points[i + 3].z)) {
             onPoint(i);
-            scanner.feed(i, valueAt(i));
+            onPoint(i + 1);
+            onPoint(i + 2);
+            onPoint(i + 3);
+            const double v0 = valueAt(i), v1 = valueAt(i + 1), v2 = valueAt(i + 2), v3 = valueAt(i + 3);
+            const double sign = rising ? 1.0 : -1.0;
+            const bool against = ((v0 - prevV) * sign < 0) | ((v1 - v0) * sign < 0) | ((v2 - v1) * sign < 0) |
+                                 ((v3 - v2) * sign < 0);
+            if (!against) {
+                prev = i + 3;
+                prevV = v3;
+            } else {
+                step(i, v0);
+                step(i + 1, v1);
+                step(i + 2, v2);
+                step(i + 3, v3);
+            }
         } else {
-            onPoint(i);
+            for (int32_t k = i; k < i + 4; ++k) {
+                onPoint(k);
+                if (isValidZ(points[k].z)) step(k, valueAt(k));
+            }
         }
     }
-    scanner.finish(count > 0 && !isValidZ(points[count - 1].z));
+    for (; i < count; ++i) {
+        onPoint(i);
+        if (isValidZ(points[i].z)) step(i, valueAt(i));
+    }
+    if (trend != 0 && count > 0 && !isValidZ(points[count - 1].z)) order[n++] = prev;
+    out.found = n;
+    out.firstIsPeak = firstIsPeak;
 }
 
-/// Neighbourhood suppression along y: candidate k survives unless some
-/// candidate j within rangeY of it along y (squared distance <= rangeY^2) has
-/// rejects(v_k, v_j) true. Each side is scanned from k outwards and stops at
-/// the first candidate out of range, even if a later one is in range again.
-/// emit(candidate) is called for the survivors, in candidate order.
-template <class Rejects, class Emit>
-inline void suppressCandidates(const ExtremumCandidate* c, size_t m, double rangeY, Rejects rejects, Emit emit) {
+/// Neighbourhood suppression along y over m candidates, candidate k at yAt(k)
+/// with value vAt(k): candidate k survives unless some candidate j within
+/// rangeY of it along y (squared distance <= rangeY^2) has rejects(v_k, v_j)
+/// true. Each side is scanned from k outwards and stops at the first candidate
+/// out of range, even if a later one is in range again. emit(k) is called for
+/// the survivors, in candidate order.
+template <class YAt, class VAt, class Rejects, class Emit>
+inline void suppressCandidatesAt(size_t m, double rangeY, YAt yAt, VAt vAt, Rejects rejects, Emit emit) {
     const double r2 = rangeY * rangeY;
     for (size_t k = 0; k < m; ++k) {
-        const double yk = c[k].y, vk = c[k].v;
+        const double yk = yAt(k), vk = vAt(k);
         bool rejected = false;
         for (size_t j = k; j-- > 0;) {
-            const double dy = yk - c[j].y;
+            const double dy = yk - yAt(j);
             if (dy * dy > r2) break;
-            if (rejects(vk, c[j].v)) {
+            if (rejects(vk, vAt(j))) {
                 rejected = true;
                 break;
             }
         }
         for (size_t j = k + 1; !rejected && j < m; ++j) {
-            const double dy = yk - c[j].y;
+            const double dy = yk - yAt(j);
             if (dy * dy > r2) break;
-            if (rejects(vk, c[j].v)) rejected = true;
+            if (rejects(vk, vAt(j))) rejected = true;
         }
-        if (!rejected) emit(c[k]);
+        if (!rejected) emit(k);
     }
+}
+
+/// The same over an array of candidates; emit(candidate) for the survivors.
+template <class Rejects, class Emit>
+inline void suppressCandidates(const ExtremumCandidate* c, size_t m, double rangeY, Rejects rejects, Emit emit) {
+    suppressCandidatesAt(
+        m, rangeY, [c](size_t k) { return c[k].y; }, [c](size_t k) { return c[k].v; }, rejects,
+        [c, &emit](size_t k) { emit(c[k]); });
 }
 
 // ---------------------------------------------------------------------------

@@ -69,11 +69,11 @@ PA_API void hx_getFlatLineLocalPeaks_vector(const std::vector<SKesp3DPosition>& 
     };
     if (!fitBaseLine(pts, n, isFlat, kMinPointsRefit, base)) return;
 
+    const auto height = [pts, &base](int32_t i) { return base.residual(pts[i]); };
     pa_detail::ExtremumCandidates cands(static_cast<int32_t>(n));
-    pa_detail::scanExtremumCandidates(
-        pts, static_cast<int32_t>(n), [pts, &base](int32_t i) { return base.residual(pts[i]); }, [](int32_t) {},
-        cands);
-    pa_detail::suppressCandidates(cands.peaks(), cands.peakCount, peakRangeY, [](double vk, double vj) { return vj > vk; },
+    pa_detail::scanExtremumCandidates(pts, static_cast<int32_t>(n), height, [](int32_t) {}, cands);
+    cands.split(pts, height);
+    pa_detail::suppressCandidates(cands.peaks(), cands.peakCount(), peakRangeY, [](double vk, double vj) { return vj > vk; },
                                   [&](const ExtremumCandidate& c) {
                                       if (!(c.v > minPeakHeight)) return;
                                       SHX_basicFeature1D f;

@@ -1,7 +1,6 @@
 // Local z maxima and minima of a profile, and upward jumps between valid points.
 #include "internal.h"
 
-using pa_detail::ExtremumCandidate;
 using pa_detail::isValidZ;
 
 namespace {
@@ -33,14 +32,22 @@ void localPeaksKernel(SKesp3DPosition* points, int32_t pointCount, int32_t lineI
         points, pointCount, [points](int32_t i) { return points[i].z; },
         [points](int32_t i) { setPointIndex(points[i], i); }, cands);
 
-    // The candidates' points are copied only for the survivors; their nPointIdx
-    // already holds the array index.
-    pa_detail::suppressCandidates(
-        cands.valleys(), cands.valleyCount, peakRangeY, [](double vk, double vj) { return vk > vj; },
-        [&](const ExtremumCandidate& c) { valleys.push_back(makeFeature(kTypeValley, lineIdx, points[c.idx])); });
-    pa_detail::suppressCandidates(
-        cands.peaks(), cands.peakCount, peakRangeY, [](double vk, double vj) { return vj > vk; },
-        [&](const ExtremumCandidate& c) { peaks.push_back(makeFeature(kTypePeak, lineIdx, points[c.idx])); });
+    // Peaks and valleys alternate in the list; each kind takes every second
+    // entry, and its y and z are read from the points. The candidates' points
+    // are copied only for the survivors; their nPointIdx already holds the
+    // array index.
+    const int32_t* ord = cands.order();
+    const auto suppress = [&](size_t first, size_t m, auto rejects, int32_t type,
+                              std::vector<SHX_basicFeature1D>& out) {
+        const int32_t* list = ord + first;
+        pa_detail::suppressCandidatesAt(
+            m, peakRangeY, [=](size_t k) { return points[list[2 * k]].y; },
+            [=](size_t k) { return points[list[2 * k]].z; }, rejects,
+            [&](size_t k) { out.push_back(makeFeature(type, lineIdx, points[list[2 * k]])); });
+    };
+    suppress(cands.firstValleyPos(), cands.valleyCount(), [](double vk, double vj) { return vk > vj; }, kTypeValley,
+             valleys);
+    suppress(cands.firstPeakPos(), cands.peakCount(), [](double vk, double vj) { return vj > vk; }, kTypePeak, peaks);
 }
 
 void downJumpsKernel(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double jumpThreshold,

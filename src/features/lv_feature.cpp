@@ -53,7 +53,7 @@ struct Candidate {
 
 // Working lists of one call.
 struct Scratch {
-    // Room for one run per point, so the pass never checks capacity.
+    // The kept runs, in line order.
     std::unique_ptr<SlopeRun[]> runs;
     size_t runCount = 0;
     // Segment ends flattened as start0, end0, start1, end1, ...: nondecreasing,
@@ -82,6 +82,8 @@ private:
         s_.segBounds.push_back(end);
     }
 
+    void keepHighRuns(const int32_t* turns, size_t turnCount, int32_t firstStart, bool firstRising,
+                      int32_t lastIdx);
     int32_t prevValid(int32_t i) const;
     int32_t nextValid(int32_t i) const;
     bool farFromSegmentEnds(int32_t idx) const;
@@ -104,48 +106,70 @@ private:
 // One pass: monotone runs by the sign of z between successive valid points,
 // and segments split where invalid points span more than maxGapY along y.
 // A run continues while z keeps its direction or stays level, so the trend is
-// the sign of the latest non-zero change. On noisy flats that sign flips at
-// random, so the pass only tracks where runs turn, branch-free, and keeps the
-// (few) runs high enough; their largest steps are found afterwards. The inner
-// loop walks one stretch of valid points; gaps and segment ends are handled
-// between stretches.
+// the sign of the latest non-zero change, and a run ends where a change of the
+// opposite sign turns it; the next run starts at that same point. On noisy
+// flats the trend flips at random, so the pass does not branch on it: at every
+// point it writes the current end into the next free slot and advances the
+// count only at a turn. The runs alternate in direction and each starts where
+// the one before ended, so the list of turns gives them all; the runs high
+// enough are kept afterwards, and their largest steps found. The inner loop
+// walks one stretch of valid points; gaps and segment ends are handled between
+// stretches.
 void LineKernel::extractRunsAndSegments() {
     const SKesp3DPosition* p = p_;
     const int32_t n = n_;
-    const double minRun = slope_.minRunHeight;
-    SlopeRun* runs = s_.runs.get();
-    size_t count = 0;
 
     int32_t i = 0;
     while (i < n && !isValidZ(p[i].z)) ++i;  // NaN heights are invalid too
     if (i >= n - 1) return;  // no valid point, or a segment opened by the last point: never closed
+    // At most one turn per point, and one slot written past the last.
+    std::unique_ptr<int32_t[]> turnBuf(new int32_t[static_cast<size_t>(n) + 1]);
+    int32_t* turns = turnBuf.get();
+    size_t turnCount = 0;
     int32_t segStart = i;
     int32_t prev = i;
     double zPrev = p[i].z;
     ++i;
 
-    int dir = 0;  // +1 rising, -1 falling, 0 before the first change of z
-    int32_t start = 0;
+    bool decided = false;       // false before the first change of z
+    bool firstRising = false;   // direction of the first run
+    int32_t firstStart = 0;     // start of the first run
+    unsigned rising = 0;        // direction of the current run
     for (;;) {
-        for (; i < n; ++i) {
-            const double zi = p[i].z;
-            if (!isValidZ(zi)) break;
-            const double d = zi - zPrev;
-            const int s = (d > 0) - (d < 0);
-            if (dir != 0) {
-                // In a monotone run |z(prev) - z(start)| is its height.
-                const bool turns = s == -dir;
-                if (turns & (std::fabs(zPrev - p[start].z) >= minRun))  // rare: predicted well
-                    runs[count++] = SlopeRun{false, dir > 0, start, prev, start, prev};
-                const int32_t turnMask = -static_cast<int32_t>(turns);
-                start = (prev & turnMask) | (start & ~turnMask);
-                dir = (dir & -static_cast<int>(s == 0)) | s;
-            } else if (s != 0) {
-                dir = s;
-                start = prev;
+        if (!decided) {
+            for (; i < n; ++i) {
+                const double zi = p[i].z;
+                if (!isValidZ(zi)) break;
+                const double d = zi - zPrev;
+                const int32_t from = prev;
+                prev = i;
+                zPrev = zi;
+                if (d > 0 || d < 0) {
+                    decided = true;
+                    firstRising = d > 0;
+                    rising = firstRising;
+                    firstStart = from;
+                    ++i;
+                    break;
+                }
             }
-            prev = i;
-            zPrev = zi;
+        }
+        if (decided) {
+            for (; i < n; ++i) {
+                const double zi = p[i].z;
+                if (!isValidZ(zi)) break;
+                const double d = zi - zPrev;
+                // The direction after this point; a change of it ends the run at
+                // prev. (A select rather than arithmetic on the old direction keeps
+                // the chain from one point to the next one instruction long.)
+                const unsigned up = d > 0, down = d < 0;
+                const unsigned next = (up | down) ? up : rising;
+                turns[turnCount] = prev;
+                turnCount += next ^ rising;
+                rising = next;
+                prev = i;
+                zPrev = zi;
+            }
         }
         if (i >= n) {  // the line's last point is valid: it closes the segment
             closeSegment(segStart, n - 1);
@@ -162,8 +186,32 @@ void LineKernel::extractRunsAndSegments() {
             segStart = i;
         }
     }
-    if (dir != 0 && (count == 0 || runs[count - 1].startIdx != start) && std::fabs(zPrev - p[start].z) >= minRun)
-        runs[count++] = SlopeRun{false, dir > 0, start, prev, start, prev};
+    if (!decided) return;
+    keepHighRuns(turns, turnCount, firstStart, firstRising, prev);
+}
+
+// The runs ended by the turns (run k from the previous turn, or firstStart,
+// to turns[k]) that are at least minRunHeight high, then the run still open at
+// the end of the line (up to lastIdx) under the same test unless the last kept
+// run has the same start.
+void LineKernel::keepHighRuns(const int32_t* turns, size_t turnCount, int32_t firstStart, bool firstRising,
+                              int32_t lastIdx) {
+    const double minRun = slope_.minRunHeight;
+    // In a monotone run |z(end) - z(start)| is its height.
+    const auto high = [this, minRun](int32_t start, int32_t end) { return std::fabs(z(end) - z(start)) >= minRun; };
+    s_.runs.reset(new SlopeRun[turnCount + 1]);
+    SlopeRun* runs = s_.runs.get();
+    size_t count = 0;
+    int32_t start = firstStart;
+    bool rising = firstRising;
+    for (size_t k = 0; k < turnCount; ++k) {
+        const int32_t end = turns[k];
+        if (high(start, end)) runs[count++] = SlopeRun{false, rising, start, end, start, end};
+        start = end;
+        rising = !rising;
+    }
+    if ((count == 0 || runs[count - 1].startIdx != start) && high(start, lastIdx))
+        runs[count++] = SlopeRun{false, rising, start, lastIdx, start, lastIdx};
     s_.runCount = count;
     for (size_t r = 0; r < count; ++r) findLargestStep(runs[r]);
 }
@@ -389,7 +437,6 @@ PA_API void hx_getLineLVFeature(const SKesp3DPosition* points, int32_t pointCoun
                                 SHX_slopeParam slopeParam, SHX_VFeatureParam vParam, SHX_lineFeature* lineFeature) {
     if (points == nullptr || lineFeature == nullptr || pointCount < 2) return;
     Scratch scratch;
-    scratch.runs.reset(new SlopeRun[static_cast<size_t>(pointCount) + 1]);
     scratch.segBounds.reserve(8);
     LineKernel kernel(points, pointCount, lineIdx, slopeParam, vParam, scratch);
     kernel.extractRunsAndSegments();

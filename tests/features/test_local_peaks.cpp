@@ -1,4 +1,5 @@
 // Local peaks / valleys and down jumps of one profile.
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -254,6 +255,35 @@ TEST(LocalPeaks, MatchesPlainVersionOnRandomProfiles) {
         if (n >= 2)
             for (int i = 0; i < n; ++i) ASSERT_EQ(line[static_cast<size_t>(i)].nPointIdx, i);
     }
+}
+
+TEST(LocalPeaks, MatchesPlainVersionOnLongMonotoneStretches) {
+    // Long rises and falls (the common case on real profiles) with plateaus,
+    // single reversals, gaps and lengths of every remainder modulo four.
+    testutil::Rng rng(23);
+    int found = 0;
+    for (int trial = 0; trial < 400; ++trial) {
+        const int n = static_cast<int>(rng.integer(0, 200));
+        std::vector<SKesp3DPosition> line(static_cast<size_t>(n));
+        double z = rng.uniform(5.0, 20.0), slope = rng.uniform(-1.0, 1.0);
+        for (int i = 0; i < n; ++i) {
+            const int kind = static_cast<int>(rng.integer(0, 19));
+            if (kind == 0) slope = -slope;                        // a turn
+            else if (kind == 1) slope = rng.uniform(-1.0, 1.0);  // a new slope
+            const double dz = kind == 2 ? 0.0 : kind == 3 ? -slope : slope;  // plateau, one-point reversal
+            z = std::max(z + dz, 0.5);
+            const bool gap = rng.integer(0, 25) == 0;
+            line[static_cast<size_t>(i)] = pt(0.0, i * 0.1, gap ? 0.0 : z, -1);
+        }
+        const double range = rng.uniform(0.0, 2.0);
+        Features ep, ev, gp, gv;
+        plainLocalPeaks(line, trial, range, ep, ev);
+        hx_getLineLocalPeaks(line.data(), n, trial, range, gp, gv);
+        expectSameFeatures(gp, ep);
+        expectSameFeatures(gv, ev);
+        found += static_cast<int>(ep.size() + ev.size());
+    }
+    EXPECT_GT(found, 400);  // the comparison is not vacuous
 }
 
 TEST(DownJumps, HandWorkedCases) {
