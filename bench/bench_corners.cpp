@@ -42,9 +42,7 @@ SHX_cornerParam jumpParam() {
 void BM_Baseline_CornersReadPass(benchmark::State& state) {
     auto lines = benchutil::linesOf(scan());
     for (auto _ : state) {
-        double sum = 0;
-        for (const auto& line : lines) sum += benchutil::plainReadPass(line.p3DPosition, line.nPositionCnt);
-        benchmark::DoNotOptimize(sum);
+        benchmark::DoNotOptimize(benchutil::plainReadScan(lines));
     }
     setCounters(state);
 }

@@ -56,9 +56,7 @@ BENCHMARK(BM_lineDataRT)->Unit(benchmark::kMillisecond);
 void BM_Baseline_ReadSumXYZ(benchmark::State& state) {
     auto lines = benchutil::linesOf(scan());
     for (auto _ : state) {
-        double sum = 0;
-        for (const auto& line : lines) sum += benchutil::plainReadPass(line.p3DPosition, line.nPositionCnt);
-        benchmark::DoNotOptimize(sum);
+        benchmark::DoNotOptimize(benchutil::plainReadScan(lines));
     }
     setCounters(state);
 }

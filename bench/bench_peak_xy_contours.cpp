@@ -107,9 +107,7 @@ void scanOnce(FlaggedScan& f, const SHX_2DValueI& seed, const SHX_bagParam& bag,
 void BM_Baseline_ReadScan(benchmark::State& state) {
     FlaggedScan& f = flagged();
     for (auto _ : state) {
-        double sum = 0;
-        for (const auto& line : f.lines) sum += benchutil::plainReadPass(line.p3DPosition, line.nPositionCnt);
-        benchmark::DoNotOptimize(sum);
+        benchmark::DoNotOptimize(benchutil::plainReadScan(f.lines));
     }
     state.SetItemsProcessed(state.iterations() * int64_t(kLines) * kPoints);
 }

@@ -29,9 +29,7 @@ void setPointCounters(benchmark::State& state) {
 void BM_Peaks_Baseline_ReadPass(benchmark::State& state) {
     auto lines = benchutil::linesOf(profiles());
     for (auto _ : state) {
-        double sum = 0;
-        for (const auto& line : lines) sum += benchutil::plainReadPass(line.p3DPosition, line.nPositionCnt);
-        benchmark::DoNotOptimize(sum);
+        benchmark::DoNotOptimize(benchutil::plainReadScan(lines));
     }
     setPointCounters(state);
 }

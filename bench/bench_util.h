@@ -56,6 +56,13 @@ inline double plainReadPass(const SKesp3DPosition* pts, int64_t n) {
     return sx + sy + sz;
 }
 
+/// Baseline: read every point of every line once.
+inline double plainReadScan(const std::vector<SKesp3DLaserLine>& lines) {
+    double sum = 0;
+    for (const auto& line : lines) sum += plainReadPass(line.p3DPosition, line.nPositionCnt);
+    return sum;
+}
+
 }  // namespace benchutil
 
 #endif
