@@ -1,13 +1,19 @@
 // Glove arcs: sharp bends of a profile through a local z maximum, measured by
 // the drop of the forward chord's slope angle around the point.
 //
-// Only candidates (points no neighbour within the chord rises above) need the
-// angle drop, and the drop only reads angles within searchArcLen of a
-// candidate; chord slopes are therefore computed on demand and remembered,
-// and a point is rejected as a candidate as soon as a higher neighbour is
-// seen. The angle is a non-decreasing function of the slope, so the largest
-// (smallest) angle over an arc is the angle of the largest (smallest) slope:
-// the arc tangent is taken twice per candidate instead of once per point.
+// The work is three sweeps over the valid points. The first copies them and
+// takes the step lengths and the polyline length from the first point. The
+// second finds both chord ends of every point with two bounds that only move
+// forward: a point cannot be farther from i than the polyline between them,
+// so the points whose polyline distance to i is provably below chordLen are
+// skipped and the search starts at the first one that might reach, which
+// leaves the result that of the plain search from i's neighbour outward. With
+// the ends known, the candidate test is a comparison of z over the points up
+// to them, and the slope of every point's forward chord is taken. The third
+// walks the arcs of the candidates over those slopes. The angle is a
+// non-decreasing function of the slope, so the largest (smallest) angle over
+// an arc is the angle of the largest (smallest) slope; the arc tangent is
+// taken only when a cheap bound of the drop cannot rule the candidate out.
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -24,76 +30,78 @@ namespace {
 
 constexpr int32_t kGloveArcType = 13;
 constexpr size_t kMinLinePoints = 10;
+constexpr double kHalfPi = 1.57079632679489661923;
+constexpr double kEps = std::numeric_limits<double>::epsilon();
+// The path skip treats points as inside the chord only while their polyline
+// distance is below chordLen shortened by this fraction: far more than the
+// rounding of one distance.
+constexpr double kChordSlack = 1e-7;
+// A candidate is ruled out by its drop bound only when the bound falls short
+// of minArcAngle by more than this (relative to the bound, plus the same
+// absolutely): far more than the rounding of the angles.
+constexpr double kDropSlack = 1e-6;
 
-// The valid points (z > 0.0001) of the line, by their input index, with the
-// per-point quantities computed on first use. All working arrays live in one
-// allocation sized once per call.
+// Points are searched for their chord ends in groups of four. A group skips
+// the same number of points on each side, at most kMaxSkip, bounded by the
+// largest step among its own and the kMaxSkip before and after.
+constexpr int64_t kGroupShift = 2;
+constexpr int64_t kGroup = int64_t(1) << kGroupShift;
+constexpr int64_t kMaxSkip = 2 * kGroup;
+// A group walks this many points past its skip before its unfinished points
+// are searched one by one.
+constexpr int64_t kGroupReach = 12;
+// The skip bound counts every step as the largest one grown by this fraction:
+// far more than the rounding of the steps and of one distance.
+constexpr double kStepSlack = 1e-9;
+
+// Padding on both ends of the coordinate arrays: y is NaN there (never at
+// chord distance), z is -inf (never above a point), the path +inf (never
+// within a chord).
+constexpr int64_t kPad = 16;
+
+// The valid points (z > 0.0001) of the line and their per-point quantities.
+// All working arrays live in two allocations sized once per call.
 class ArcLine {
 public:
-    ArcLine(const std::vector<SKesp3DPosition>& in, double chordLen) : in_(in.data()), chord_(chordLen) {
+    ArcLine(const std::vector<SKesp3DPosition>& in, double chordLen) : in_(in.data()) {
         const size_t n = in.size();
-        // y, z, S and the slope of the valid points in four contiguous
-        // arrays: the searches below read nothing else. The indices and the
-        // slope-known flags share a second block.
-        reals_.reset(new double[4 * n]);
-        ints_.reset(new int32_t[2 * n]);
-        y_ = reals_.get();
-        z_ = y_ + n;
-        step_ = z_ + n;
-        slope_ = step_ + n;
+        const size_t stride = n + 2 * kPad;
+        reals_.reset(new double[5 * stride]);
+        skip_.reset(new int32_t[(n >> kGroupShift) + 1]);
+        ints_.reset(new int32_t[5 * n]);
+        y_ = reals_.get() + kPad;
+        z_ = y_ + stride;
+        path_ = z_ + stride;
+        step_ = path_ + stride;
+        slope_ = step_ + stride;
         idx_ = ints_.get();
-        slopeKnown_ = idx_ + n;
+        cand_ = idx_ + n;
+        survivor_ = cand_ + n;
+        survivorBack_ = survivor_ + n;
+        survivorFwd_ = survivorBack_ + n;
         m_ = compactValidPoints(in);
+        if (m_ == 0) return;
+        const double inf = std::numeric_limits<double>::infinity();
+        const double nan = std::numeric_limits<double>::quiet_NaN();
+        for (int64_t p = 1; p <= kPad; ++p) {
+            z_[-p] = z_[m_ - 1 + p] = -inf;
+            y_[-p] = y_[m_ - 1 + p] = nan;
+            path_[-p] = 0.0;
+            path_[m_ - 1 + p] = inf;
+        }
         computeSteps();
-        std::fill(slopeKnown_, slopeKnown_ + m_, 0);
-        // Squared chord bounds, widened by a few ulps, that decide
-        // sqrt(d2) >= chordLen without the root except right at the boundary.
-        chordSquareLo_ = chordLen * chordLen * (1.0 - 8 * std::numeric_limits<double>::epsilon());
-        chordSquareHi_ = chordLen * chordLen * (1.0 + 8 * std::numeric_limits<double>::epsilon());
-        squaredTestOk_ = chordLen > 0.0 && std::isfinite(chordSquareHi_) && chordSquareLo_ > 0.0;
+        computeSkips(chordLen);
+        findChordEnds(chordLen);
+        findCandidates();
     }
 
     int64_t size() const { return m_; }
+    int64_t candidateCount() const { return candCount_; }
+    int64_t candidate(int64_t c) const { return cand_[c]; }
     const SKesp3DPosition& point(int64_t i) const { return in_[idx_[i]]; }
     int32_t inputIndex(int64_t i) const { return idx_[i]; }
-
-    // S(i): y-z distance to the next valid point, 0 for the last.
-    double step(int64_t i) const { return step_[i]; }
-
-    // True when z(i) beats both neighbours as the full test requires (the
-    // previous one strictly, the next one or equal): every candidate passes.
-    bool beatsNeighbours(int64_t i) const {
-        const double zi = z_[i];
-        const bool prevLower = i == 0 || z_[i - 1] < zi;
-        const bool nextNotHigher = i + 1 >= m_ || !(z_[i + 1] > zi);
-        return prevLower & nextNotHigher;
-    }
-
-    // True when no point before the backward chord end (that end included)
-    // reaches z(i), and none up to the forward chord end exceeds it.
-    bool isCandidate(int64_t i) const {
-        const double* z = z_;
-        const double zi = z[i];
-        for (int64_t j = i - 1; j >= 0; --j) {
-            if (z[j] >= zi) return false;
-            if (reachesChord(i, j)) break;
-        }
-        for (int64_t j = i + 1; j < m_; ++j) {
-            if (z[j] > zi) return false;
-            if (reachesChord(i, j)) break;
-        }
-        return true;
-    }
-
-    // Slope dz / |dy| of the chord to the first point at least chordLen
-    // ahead; 0 unless both chord ends exist (the angle is then 0 as well).
-    double slope(int64_t i) {
-        if (!slopeKnown_[i]) {
-            slopeKnown_[i] = 1;
-            slope_[i] = chordSlope(i);
-        }
-        return slope_[i];
-    }
+    const double* steps() const { return step_; }
+    const double* slopes() const { return slope_; }
 
 private:
     int64_t compactValidPoints(const std::vector<SKesp3DPosition>& in) {
@@ -111,90 +119,466 @@ private:
         return w;
     }
 
+    // S(i) for every point.
     void computeSteps() {
-        if (m_ == 0) return;
+        const double* y = y_;
+        const double* z = z_;
+        double* step = step_;
+        const int64_t m = m_;
         int64_t i = 0;
 #if defined(__SSE2__)
         // Two roots per instruction; the packed root is correctly rounded
         // like the scalar one, so the lengths are the same bits.
-        for (; i + 2 < m_; i += 2) {
-            const __m128d dy = _mm_sub_pd(_mm_loadu_pd(y_ + i), _mm_loadu_pd(y_ + i + 1));
-            const __m128d dz = _mm_sub_pd(_mm_loadu_pd(z_ + i), _mm_loadu_pd(z_ + i + 1));
-            _mm_storeu_pd(step_ + i, _mm_sqrt_pd(_mm_add_pd(_mm_mul_pd(dy, dy), _mm_mul_pd(dz, dz))));
+        for (; i + 2 < m; i += 2) {
+            const __m128d dy = _mm_sub_pd(_mm_loadu_pd(y + i), _mm_loadu_pd(y + i + 1));
+            const __m128d dz = _mm_sub_pd(_mm_loadu_pd(z + i), _mm_loadu_pd(z + i + 1));
+            _mm_storeu_pd(step + i, _mm_sqrt_pd(_mm_add_pd(_mm_mul_pd(dy, dy), _mm_mul_pd(dz, dz))));
         }
 #endif
-        for (; i + 1 < m_; ++i) {
-            const double dy = y_[i] - y_[i + 1], dz = z_[i] - z_[i + 1];
-            step_[i] = std::sqrt(dy * dy + dz * dz);
+        for (; i + 1 < m; ++i) {
+            const double dy = y[i] - y[i + 1], dz = z[i] - z[i + 1];
+            step[i] = std::sqrt(dy * dy + dz * dz);
         }
-        step_[m_ - 1] = 0.0;
+        step[m - 1] = 0.0;
     }
 
-    // The y-z distance of valid points a and b is at least chordLen, exactly
-    // as the rooted comparison decides it.
-    bool reachesChord(int64_t a, int64_t b) const {
-        const double dy = y_[a] - y_[b], dz = z_[a] - z_[b];
-        const double d2 = dy * dy + dz * dz;
-        if (squaredTestOk_) {
-            if (d2 < chordSquareLo_) return false;
-            if (d2 > chordSquareHi_) return true;
+    // The polyline length from point 0, needed only by searches that walk
+    // far: it only bounds distances (with a margin for its rounding), so it
+    // is summed two steps at a time to halve the chain of additions.
+    void computePath() {
+        const double* step = step_;
+        double* path = path_;
+        const int64_t m = m_;
+        path[0] = 0.0;
+        double walked = 0.0;
+        int64_t k = 1;
+        for (; k + 1 < m; k += 2) {
+            path[k] = walked + step[k - 1];
+            walked += step[k - 1] + step[k];
+            path[k + 1] = walked;
         }
-        return std::sqrt(d2) >= chord_;
+        for (; k < m; ++k) path[k] = path[k - 1] + step[k - 1];
+        pathKnown_ = true;
     }
 
-    // The backward chord end exists when any earlier point is chordLen away;
-    // the line's first point usually is, which settles it at once.
-    bool hasBackwardChordEnd(int64_t i) const {
-        for (int64_t j = 0; j < i; ++j)
-            if (reachesChord(i, j)) return true;
-        return false;
-    }
-
-    double chordSlope(int64_t i) const {
-        if (!hasBackwardChordEnd(i)) return 0.0;
-        for (int64_t j = i + 1; j < m_; ++j)
-            if (reachesChord(i, j)) return (z_[j] - z_[i]) / std::fabs(y_[j] - y_[i]);
-        return 0.0;
-    }
+    void computeSkips(double chordLen);
+    int64_t firstBeyondForward(int64_t i, double reach, double grow);
+    int64_t firstInsideBackward(int64_t i, double reach, double grow);
+    void endsOfPoint(int64_t i, int64_t skip, double t, double reach, double grow, int64_t& b, int64_t& f);
+    void addPoint(int64_t i, int64_t b, int64_t f);
+    void findChordEnds(double chordLen);
+    void findCandidates();
 
     const SKesp3DPosition* in_;
-    double chord_;
-    double chordSquareLo_ = 0.0, chordSquareHi_ = 0.0;
-    bool squaredTestOk_ = false;
     int64_t m_ = 0;
+    int64_t candCount_ = 0;
     std::unique_ptr<double[]> reals_;
     std::unique_ptr<int32_t[]> ints_;
-    double *y_, *z_, *step_, *slope_;
-    int32_t *idx_, *slopeKnown_;
+    std::unique_ptr<int32_t[]> skip_;  // per group: points provably inside the chord on each side
+    double *y_, *z_, *path_, *step_, *slope_;
+    int32_t *idx_, *cand_, *survivor_, *survivorBack_, *survivorFwd_;
+    int64_t survivorCount_ = 0;
+    bool pathKnown_ = false;
 };
+
+// Smallest squared distance d2 with sqrt(d2) >= chordLen, so that the chord
+// test needs no square root and decides exactly as the rooted form does.
+double chordThreshold(double chordLen) {
+    if (std::isnan(chordLen)) return chordLen;  // no distance reaches a NaN chord
+    if (!(chordLen > 0.0)) return 0.0;          // every distance reaches it
+    double t = chordLen * chordLen;
+    while (t > 0.0 && std::sqrt(std::nextafter(t, 0.0)) >= chordLen) t = std::nextafter(t, 0.0);
+    while (std::sqrt(t) < chordLen) t = std::nextafter(t, std::numeric_limits<double>::infinity());
+    return t;
+}
+
+// Lowest and highest set bit of a non-zero mask.
+inline int lowestBit(unsigned mask) {
+#if defined(__GNUC__)
+    return __builtin_ctz(mask);
+#else
+    int b = 0;
+    while (!(mask & 1u)) mask >>= 1, ++b;
+    return b;
+#endif
+}
+inline int highestBit(unsigned mask) {
+#if defined(__GNUC__)
+    return 31 - __builtin_clz(mask);
+#else
+    int b = -1;
+    while (mask) mask >>= 1, ++b;
+    return b;
+#endif
+}
+
+// Tests on four consecutive points j0 .. j0+3 at once; bit l of a result
+// belongs to point j0 + l. Comparisons with NaN are false, as in the plain
+// form.
+struct Quad {
+#if defined(__SSE2__)
+    static unsigned bits(__m128d lo, __m128d hi) {
+        return static_cast<unsigned>(_mm_movemask_pd(lo)) | (static_cast<unsigned>(_mm_movemask_pd(hi)) << 2);
+    }
+    // Squared y-z distance to (yi, zi) >= t.
+    static unsigned reach(const double* y, const double* z, int64_t j0, double yi, double zi, double t) {
+        const __m128d vy = _mm_set1_pd(yi), vz = _mm_set1_pd(zi), vt = _mm_set1_pd(t);
+        const __m128d dy0 = _mm_sub_pd(vy, _mm_loadu_pd(y + j0)), dy1 = _mm_sub_pd(vy, _mm_loadu_pd(y + j0 + 2));
+        const __m128d dz0 = _mm_sub_pd(vz, _mm_loadu_pd(z + j0)), dz1 = _mm_sub_pd(vz, _mm_loadu_pd(z + j0 + 2));
+        const __m128d d0 = _mm_add_pd(_mm_mul_pd(dy0, dy0), _mm_mul_pd(dz0, dz0));
+        const __m128d d1 = _mm_add_pd(_mm_mul_pd(dy1, dy1), _mm_mul_pd(dz1, dz1));
+        return bits(_mm_cmpge_pd(d0, vt), _mm_cmpge_pd(d1, vt));
+    }
+    // v[j] * grow - sub < lim.
+    static unsigned scaledBelow(const double* v, int64_t j0, double grow, double sub, double lim) {
+        const __m128d g = _mm_set1_pd(grow), s = _mm_set1_pd(sub), l = _mm_set1_pd(lim);
+        const __m128d a = _mm_sub_pd(_mm_mul_pd(_mm_loadu_pd(v + j0), g), s);
+        const __m128d b = _mm_sub_pd(_mm_mul_pd(_mm_loadu_pd(v + j0 + 2), g), s);
+        return bits(_mm_cmplt_pd(a, l), _mm_cmplt_pd(b, l));
+    }
+    // from - v[j] < lim.
+    static unsigned differenceBelow(const double* v, int64_t j0, double from, double lim) {
+        const __m128d f = _mm_set1_pd(from), l = _mm_set1_pd(lim);
+        const __m128d a = _mm_sub_pd(f, _mm_loadu_pd(v + j0)), b = _mm_sub_pd(f, _mm_loadu_pd(v + j0 + 2));
+        return bits(_mm_cmplt_pd(a, l), _mm_cmplt_pd(b, l));
+    }
+#else
+    static unsigned reach(const double* y, const double* z, int64_t j0, double yi, double zi, double t) {
+        unsigned m = 0;
+        for (int l = 0; l < 4; ++l) {
+            const double dy = yi - y[j0 + l], dz = zi - z[j0 + l];
+            m |= static_cast<unsigned>(dy * dy + dz * dz >= t) << l;
+        }
+        return m;
+    }
+    static unsigned scaledBelow(const double* v, int64_t j0, double grow, double sub, double lim) {
+        unsigned m = 0;
+        for (int l = 0; l < 4; ++l) m |= static_cast<unsigned>(v[j0 + l] * grow - sub < lim) << l;
+        return m;
+    }
+    static unsigned differenceBelow(const double* v, int64_t j0, double from, double lim) {
+        unsigned m = 0;
+        for (int l = 0; l < 4; ++l) m |= static_cast<unsigned>(from - v[j0 + l] < lim) << l;
+        return m;
+    }
+#endif
+};
+
+// The number of points on each side of every point of group g that are
+// provably within the chord: k steps of at most the largest step near the
+// group span no more than k times it, and no point is farther away than the
+// polyline between. A NaN or infinite step switches the skip off.
+void ArcLine::computeSkips(double chordLen) {
+    const int64_t m = m_;
+    const int64_t groups = (m + kGroup - 1) >> kGroupShift;
+    const double reach = chordLen * (1.0 - kChordSlack);
+    const double* step = step_;
+    // Largest step of each group, +inf for a group with a NaN step (a NaN
+    // never wins a comparison, so it is turned into +inf first); the slopes'
+    // array is free until the ends are searched.
+    double* largest = slope_;
+    const double inf = std::numeric_limits<double>::infinity();
+    for (int64_t g = 0; g < groups; ++g) {
+        const int64_t first = g << kGroupShift;
+        const int64_t end = std::min(m, first + kGroup);
+        double mx = 0.0;
+        for (int64_t j = first; j < end; ++j) {
+            const double s = step[j] == step[j] ? step[j] : inf;
+            mx = s > mx ? s : mx;
+        }
+        largest[g] = mx;
+    }
+    // Largest over the group and kSpan groups on each side, slid along.
+    constexpr int64_t kSpan = kMaxSkip / kGroup;  // neighbouring groups whose steps a skip may cross
+    for (int64_t g = 0; g < groups; ++g) {
+        double mx = largest[g];
+        for (int64_t h = 1; h <= kSpan; ++h) {
+            const double before = g - h >= 0 ? largest[g - h] : 0.0;
+            const double after = g + h < groups ? largest[g + h] : 0.0;
+            mx = std::max(mx, std::max(before, after));
+        }
+        const double bound = mx * (1.0 + kStepSlack);
+        const double fit = reach / bound;
+        int64_t k = fit >= static_cast<double>(kMaxSkip) ? kMaxSkip : (fit >= 1.0 ? static_cast<int64_t>(fit) : 0);
+        while (k > 0 && !(static_cast<double>(k) * bound < reach)) --k;
+        skip_[g] = static_cast<int32_t>(k);
+    }
+}
+
+// The first point after i that the path bound cannot place inside the chord
+// (m when every later one is). The test is false from some point on (the
+// path is non-decreasing, NaN and +inf fail it), so a bisection finds it.
+int64_t ArcLine::firstBeyondForward(int64_t i, double reach, double grow) {
+    if (!pathKnown_) computePath();
+    const double pi = path_[i];
+    int64_t lo = i + 1, hi = m_;
+    while (lo < hi) {
+        const int64_t mid = lo + (hi - lo) / 2;
+        if (path_[mid] * grow - pi < reach)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    return lo;
+}
+
+// The first point before i from which on every point up to i is provably
+// inside the chord (i when none is).
+int64_t ArcLine::firstInsideBackward(int64_t i, double reach, double grow) {
+    if (!pathKnown_) computePath();
+    const double piGrown = path_[i] * grow;
+    int64_t lo = 0, hi = i;
+    while (lo < hi) {
+        const int64_t mid = lo + (hi - lo) / 2;
+        if (piGrown - path_[mid] < reach)
+            hi = mid;
+        else
+            lo = mid + 1;
+    }
+    return lo;
+}
+
+// One point's chord ends, searched four points at a time from past its skip;
+// when two groups of four do not reach, the polyline length from the first
+// point bounds the rest of the way. Before the line's start and after its
+// end y is NaN, which reaches nothing.
+void ArcLine::endsOfPoint(int64_t i, int64_t skip, double t, double reach, double grow, int64_t& b, int64_t& f) {
+    constexpr int kQuadsBeforeBisection = 2;
+    const int64_t m = m_;
+    const double* y = y_;
+    const double* z = z_;
+    const double yi = y[i], zi = z[i];
+    // Backward: groups top-3 .. top, the highest reaching point first.
+    int64_t top = i - skip - 1;
+    unsigned r = 0;
+    for (int quads = 0; top >= 0;) {
+        r = Quad::reach(y, z, top - 3, yi, zi, t);
+        if (r) break;
+        top -= 4;
+        if (++quads == kQuadsBeforeBisection) top = std::min(top, firstInsideBackward(i, reach, grow) - 1);
+    }
+    b = r ? top - 3 + highestBit(r) : -1;
+    // Forward: groups j0 .. j0+3, the lowest reaching point first.
+    int64_t j0 = i + skip + 1;
+    r = 0;
+    for (int quads = 0; j0 < m;) {
+        r = Quad::reach(y, z, j0, yi, zi, t);
+        if (r) break;
+        j0 += 4;
+        if (++quads == kQuadsBeforeBisection) j0 = std::max(j0, firstBeyondForward(i, reach, grow));
+    }
+    f = r ? j0 + lowestBit(r) : m;
+}
+
+// Records point i's chord slope (0 unless both ends exist) and lists it with
+// its ends when it beats its two neighbours.
+inline void ArcLine::addPoint(int64_t i, int64_t b, int64_t f) {
+    const double* y = y_;
+    const double* z = z_;
+    const double yi = y[i], zi = z[i];
+    const bool bothEnds = b >= 0 && f < m_;
+    const int64_t fs = bothEnds ? f : i;  // a harmless division when unused
+    const double s = (z[fs] - zi) / std::fabs(y[fs] - yi);
+    slope_[i] = bothEnds ? s : 0.0;
+    // The padding makes the neighbour test hold at the line's ends. Both
+    // comparisons are evaluated: a short-circuit branch on the first would be
+    // mispredicted on every other point of a noisy profile.
+    const int64_t ns = survivorCount_;
+    survivor_[ns] = static_cast<int32_t>(i);
+    survivorBack_[ns] = static_cast<int32_t>(b);
+    survivorFwd_[ns] = static_cast<int32_t>(f);
+    survivorCount_ =
+        ns + static_cast<int64_t>(static_cast<unsigned>(z[i - 1] < zi) &
+                                  static_cast<unsigned>(!(z[i + 1] > zi)));
+}
+
+#if defined(__SSE2__)
+// The chord ends of the four points i0 .. i0+3 at once: for offsets o past the
+// group's skip the points i0+l +- o are tested side by side (one load per
+// offset), and each point keeps the first offset that reaches. Returns the
+// points found; offsets of the others are left alone. exhausted is set when
+// every point ran out of line.
+struct GroupSearch {
+    __m128d yA, yB, zA, zB, t;
+
+    unsigned run(const double* y, const double* z, int64_t i0, int64_t dir, int64_t skip, int64_t limit,
+                 double off[4], bool& exhausted) const {
+        __m128d foundA = _mm_setzero_pd(), foundB = _mm_setzero_pd();
+        __m128d offA = _mm_setzero_pd(), offB = _mm_setzero_pd();
+        unsigned found = 0;
+        exhausted = false;
+        for (int64_t o = skip + 1;; ++o) {
+            if (o > limit) {
+                exhausted = true;
+                break;
+            }
+            if (o > skip + kGroupReach) break;
+            const int64_t base = i0 + dir * o;
+            const __m128d dyA = _mm_sub_pd(yA, _mm_loadu_pd(y + base)), dyB = _mm_sub_pd(yB, _mm_loadu_pd(y + base + 2));
+            const __m128d dzA = _mm_sub_pd(zA, _mm_loadu_pd(z + base)), dzB = _mm_sub_pd(zB, _mm_loadu_pd(z + base + 2));
+            const __m128d rA = _mm_cmpge_pd(_mm_add_pd(_mm_mul_pd(dyA, dyA), _mm_mul_pd(dzA, dzA)), t);
+            const __m128d rB = _mm_cmpge_pd(_mm_add_pd(_mm_mul_pd(dyB, dyB), _mm_mul_pd(dzB, dzB)), t);
+            const __m128d vo = _mm_set1_pd(static_cast<double>(o));
+            const __m128d newA = _mm_andnot_pd(foundA, rA), newB = _mm_andnot_pd(foundB, rB);
+            offA = _mm_or_pd(_mm_and_pd(newA, vo), offA);
+            offB = _mm_or_pd(_mm_and_pd(newB, vo), offB);
+            foundA = _mm_or_pd(foundA, rA);
+            foundB = _mm_or_pd(foundB, rB);
+            found = Quad::bits(foundA, foundB);
+            if (found == 0xFu) break;
+        }
+        _mm_storeu_pd(off, offA);
+        _mm_storeu_pd(off + 2, offB);
+        return found;
+    }
+};
+#endif
+
+// For every point: the backward chord end b (the first point before it at
+// least chordLen away), the forward one f and the slope of the forward chord;
+// the points that beat their two neighbours are listed with their ends for
+// the full candidate test. Nothing carries from one group of points to the
+// next, so the groups overlap in the pipeline.
+void ArcLine::findChordEnds(double chordLen) {
+    const int64_t m = m_;
+    const double t = chordThreshold(chordLen);
+    // A point whose polyline distance, grown by a bound on the rounding of
+    // the path sums, stays below reach is inside the chord.
+    const double reach = chordLen * (1.0 - kChordSlack);
+    const double grow = 1.0 + 2.0 * static_cast<double>(m + 8) * kEps;
+    survivorCount_ = 0;
+    int64_t i0 = 0;
+#if defined(__SSE2__)
+    const double* y = y_;
+    const double* z = z_;
+    for (; i0 + kGroup <= m; i0 += kGroup) {
+        const int64_t skip = skip_[i0 >> kGroupShift];
+        GroupSearch g;
+        g.yA = _mm_loadu_pd(y + i0);
+        g.yB = _mm_loadu_pd(y + i0 + 2);
+        g.zA = _mm_loadu_pd(z + i0);
+        g.zB = _mm_loadu_pd(z + i0 + 2);
+        g.t = _mm_set1_pd(t);
+        double fo[4], bo[4];
+        bool fDone, bDone;
+        // Offsets beyond limit leave every point of the group off the line.
+        const unsigned fFound = g.run(y, z, i0, 1, skip, m - i0 - 1, fo, fDone);
+        const unsigned bFound = g.run(y, z, i0, -1, skip, i0 + kGroup - 1, bo, bDone);
+        for (int64_t l = 0; l < kGroup; ++l) {
+            const int64_t i = i0 + l;
+            int64_t b = (bFound >> l) & 1u ? i - static_cast<int64_t>(bo[l]) : -1;
+            int64_t f = (fFound >> l) & 1u ? i + static_cast<int64_t>(fo[l]) : m;
+            if ((!fDone && !((fFound >> l) & 1u)) || (!bDone && !((bFound >> l) & 1u))) {
+                endsOfPoint(i, skip, t, reach, grow, b, f);
+            }
+            addPoint(i, b, f);
+        }
+    }
+#endif
+    for (; i0 < m; ++i0) {
+        int64_t b, f;
+        endsOfPoint(i0, skip_[i0 >> kGroupShift], t, reach, grow, b, f);
+        addPoint(i0, b, f);
+    }
+}
+
+// Bit l set when z[j0 + l] >= zi (orEqual) or > zi, for l = 0 .. 7.
+inline unsigned zAbove8(const double* z, int64_t j0, double zi, bool orEqual) {
+#if defined(__SSE2__)
+    const __m128d v = _mm_set1_pd(zi);
+    unsigned bits = 0;
+    for (int l = 0; l < 8; l += 2) {
+        const __m128d w = _mm_loadu_pd(z + j0 + l);
+        const __m128d c = orEqual ? _mm_cmpge_pd(w, v) : _mm_cmpgt_pd(w, v);
+        bits |= static_cast<unsigned>(_mm_movemask_pd(c)) << l;
+    }
+    return bits;
+#else
+    unsigned bits = 0;
+    for (int l = 0; l < 8; ++l) bits |= static_cast<unsigned>(orEqual ? z[j0 + l] >= zi : z[j0 + l] > zi) << l;
+    return bits;
+#endif
+}
+
+// The survivors of the neighbour test that no point up to the backward chord
+// end reaches in z (that end included) and none up to the forward end
+// exceeds; a side without an end is tested to the line's end. The eight
+// points next to the neighbours on each side are tested at once and masked
+// to the range; longer ranges finish point by point.
+void ArcLine::findCandidates() {
+    constexpr int64_t kWindow = 8;
+    const int64_t m = m_;
+    const double* z = z_;
+    int64_t nc = 0;
+    for (int64_t s = 0; s < survivorCount_; ++s) {
+        const int64_t i = survivor_[s];
+        const double zi = z[i];
+        const int64_t first = std::max<int64_t>(survivorBack_[s], 0);
+        const int64_t last = std::min<int64_t>(survivorFwd_[s], m - 1);
+        // Backward window i-9 .. i-2, of which those from first on count.
+        const int64_t w0 = i - 1 - kWindow;
+        const unsigned backValid = 0xFFu << static_cast<unsigned>(std::max<int64_t>(first - w0, 0));
+        // Forward window i+2 .. i+9, of which those up to last count.
+        const int64_t fwdCount = std::min<int64_t>(std::max<int64_t>(last - i - 1, 0), kWindow);
+        const unsigned fwdValid = (1u << static_cast<unsigned>(fwdCount)) - 1u;
+        bool isCand = ((zAbove8(z, w0, zi, true) & backValid & 0xFFu) | (zAbove8(z, i + 2, zi, false) & fwdValid)) == 0;
+        if (first < w0 && isCand) {
+            for (int64_t j = first; j < w0; ++j)
+                if (z[j] >= zi) {
+                    isCand = false;
+                    break;
+                }
+        }
+        if (last > i + 1 + kWindow && isCand) {
+            for (int64_t j = i + 2 + kWindow; j <= last; ++j)
+                if (z[j] > zi) {
+                    isCand = false;
+                    break;
+                }
+        }
+        cand_[nc] = static_cast<int32_t>(i);
+        nc += isCand ? 1 : 0;
+    }
+    candCount_ = nc;
+}
 
 double slopeAngle(double slope) { return pa_detail::radToDegLiteral(std::atan(slope)); }
 
-// Largest angle over the arc before k, starting from 0.0 (the angle of slope
+// Largest slope over the arc before k, starting from 0.0 (the slope of angle
 // 0); the point that completes the arc length still counts.
-double leftMaximum(ArcLine& line, int64_t k, double searchArcLen) {
+double leftMaxSlope(const double* slope, const double* step, int64_t k, double searchArcLen) {
     double best = 0.0, walked = 0.0;
     for (int64_t j = k - 1; j >= 0; --j) {
-        const double s = line.slope(j);
+        const double s = slope[j];
         if (s > best) best = s;
-        walked += line.step(j);
+        walked += step[j];
         if (walked >= searchArcLen) break;
     }
-    return slopeAngle(best);
+    return best;
 }
 
-// Smallest angle over the arc from k on, starting from k's own; the point
+// Smallest slope over the arc from k on, starting from k's own; the point
 // that completes the arc length does not count.
-double rightMinimum(ArcLine& line, int64_t k, double searchArcLen) {
-    double best = line.slope(k);
-    double walked = line.step(k);
-    for (int64_t j = k + 1; j < line.size(); ++j) {
-        walked += line.step(j);
+double rightMinSlope(const double* slope, const double* step, int64_t m, int64_t k, double searchArcLen) {
+    double best = slope[k];
+    double walked = step[k];
+    for (int64_t j = k + 1; j < m; ++j) {
+        walked += step[j];
         if (walked >= searchArcLen) break;
-        const double s = line.slope(j);
+        const double s = slope[j];
         if (s < best) best = s;
     }
-    return slopeAngle(best);
+    return best;
+}
+
+// False only when the angle drop from slope left to slope right is surely
+// below minArcAngle: atan(l) <= min(l, pi/2) for l >= 0 and
+// atan(r) >= max(r, -pi/2) for r <= 0 (>= 0 for r >= 0).
+bool dropMayReach(double left, double right, double minArcAngle) {
+    const double upper = std::min(left, kHalfPi);
+    const double lower = right >= 0.0 ? 0.0 : std::max(right, -kHalfPi);
+    const double bound = pa_detail::radToDegLiteral(upper - lower);
+    return !(bound + kDropSlack * (1.0 + std::fabs(bound)) < minArcAngle);
 }
 
 }  // namespace
@@ -202,10 +586,16 @@ double rightMinimum(ArcLine& line, int64_t k, double searchArcLen) {
 PA_API void rk_getLineGloveArcs(const std::vector<SKesp3DPosition>& linePts, int lineIdx, SHX_gloveArcParam param,
                                 std::vector<SHX_basicFeature1D>& gloveArcs) {
     if (linePts.size() < kMinLinePoints) return;
-    ArcLine line(linePts, param.chordLen);
-    for (int64_t k = 0; k < line.size(); ++k) {
-        if (!line.beatsNeighbours(k) || !line.isCandidate(k)) continue;
-        const double drop = leftMaximum(line, k, param.searchArcLen) - rightMinimum(line, k, param.searchArcLen);
+    const ArcLine line(linePts, param.chordLen);
+    const double* slope = line.slopes();
+    const double* step = line.steps();
+    const int64_t m = line.size();
+    for (int64_t c = 0; c < line.candidateCount(); ++c) {
+        const int64_t k = line.candidate(c);
+        const double left = leftMaxSlope(slope, step, k, param.searchArcLen);
+        const double right = rightMinSlope(slope, step, m, k, param.searchArcLen);
+        if (!dropMayReach(left, right, param.minArcAngle)) continue;
+        const double drop = slopeAngle(left) - slopeAngle(right);
         if (drop >= param.minArcAngle) {
             SHX_basicFeature1D f;
             f.featureType = kGloveArcType;
