@@ -59,6 +59,30 @@ constexpr double kStepSlack = 1e-9;
 // within a chord).
 constexpr int64_t kPad = 16;
 
+// Smallest squared distance d2 with sqrt(d2) >= chordLen, so that the chord
+// test needs no square root and decides exactly as the rooted form does.
+double chordThreshold(double chordLen) {
+    if (std::isnan(chordLen)) return chordLen;  // no distance reaches a NaN chord
+    if (!(chordLen > 0.0)) return 0.0;          // every distance reaches it
+    double t = chordLen * chordLen;
+    while (t > 0.0 && std::sqrt(std::nextafter(t, 0.0)) >= chordLen) t = std::nextafter(t, 0.0);
+    while (std::sqrt(t) < chordLen) t = std::nextafter(t, std::numeric_limits<double>::infinity());
+    return t;
+}
+
+// The chord test and the bounds of the searches for one line.
+struct ChordSearch {
+    ChordSearch(double chordLen, int64_t m)
+        : t(chordThreshold(chordLen)),
+          reach(chordLen * (1.0 - kChordSlack)),
+          grow(1.0 + 2.0 * static_cast<double>(m + 8) * kEps) {}
+    double t;      // squared distances >= t reach the chord
+    // A point whose polyline distance, grown by a bound on the rounding of
+    // the path sums, stays below reach is inside the chord.
+    double reach;
+    double grow;
+};
+
 // The valid points (z > 0.0001) of the line and their per-point quantities.
 // All working arrays live in two allocations sized once per call.
 class ArcLine {
@@ -68,7 +92,7 @@ public:
         const size_t stride = n + 2 * kPad;
         reals_.reset(new double[5 * stride]);
         skip_.reset(new int32_t[(n >> kGroupShift) + 1]);
-        ints_.reset(new int32_t[5 * n]);
+        ints_.reset(new int32_t[4 * n]);
         y_ = reals_.get() + kPad;
         z_ = y_ + stride;
         path_ = z_ + stride;
@@ -77,8 +101,7 @@ public:
         idx_ = ints_.get();
         cand_ = idx_ + n;
         survivor_ = cand_ + n;
-        survivorBack_ = survivor_ + n;
-        survivorFwd_ = survivorBack_ + n;
+        survivorFwd_ = survivor_ + n;
         m_ = compactValidPoints(in);
         if (m_ == 0) return;
         const double inf = std::numeric_limits<double>::infinity();
@@ -91,8 +114,9 @@ public:
         }
         computeSteps();
         computeSkips(chordLen);
-        findChordEnds(chordLen);
-        findCandidates();
+        const ChordSearch cs(chordLen, m_);
+        findChordEnds(cs);
+        findCandidates(cs);
     }
 
     int64_t size() const { return m_; }
@@ -164,10 +188,11 @@ private:
     void computeSkips(double chordLen);
     int64_t firstBeyondForward(int64_t i, double reach, double grow);
     int64_t firstInsideBackward(int64_t i, double reach, double grow);
-    void endsOfPoint(int64_t i, int64_t skip, double t, double reach, double grow, int64_t& b, int64_t& f);
-    void addPoint(int64_t i, int64_t b, int64_t f);
-    void findChordEnds(double chordLen);
-    void findCandidates();
+    int64_t backwardEnd(int64_t i, const ChordSearch& cs);
+    int64_t forwardEnd(int64_t i, const ChordSearch& cs);
+    void addPoint(int64_t i, bool hasBackwardEnd, int64_t f);
+    void findChordEnds(const ChordSearch& cs);
+    void findCandidates(const ChordSearch& cs);
 
     const SKesp3DPosition* in_;
     int64_t m_ = 0;
@@ -176,21 +201,11 @@ private:
     std::unique_ptr<int32_t[]> ints_;
     std::unique_ptr<int32_t[]> skip_;  // per group: points provably inside the chord on each side
     double *y_, *z_, *path_, *step_, *slope_;
-    int32_t *idx_, *cand_, *survivor_, *survivorBack_, *survivorFwd_;
+    int32_t *idx_, *cand_, *survivor_, *survivorFwd_;
     int64_t survivorCount_ = 0;
     bool pathKnown_ = false;
 };
 
-// Smallest squared distance d2 with sqrt(d2) >= chordLen, so that the chord
-// test needs no square root and decides exactly as the rooted form does.
-double chordThreshold(double chordLen) {
-    if (std::isnan(chordLen)) return chordLen;  // no distance reaches a NaN chord
-    if (!(chordLen > 0.0)) return 0.0;          // every distance reaches it
-    double t = chordLen * chordLen;
-    while (t > 0.0 && std::sqrt(std::nextafter(t, 0.0)) >= chordLen) t = std::nextafter(t, 0.0);
-    while (std::sqrt(t) < chordLen) t = std::nextafter(t, std::numeric_limits<double>::infinity());
-    return t;
-}
 
 // Lowest and highest set bit of a non-zero mask.
 inline int lowestBit(unsigned mask) {
@@ -273,34 +288,41 @@ void ArcLine::computeSkips(double chordLen) {
     const int64_t groups = (m + kGroup - 1) >> kGroupShift;
     const double reach = chordLen * (1.0 - kChordSlack);
     const double* step = step_;
-    // Largest step of each group, +inf for a group with a NaN step (a NaN
-    // never wins a comparison, so it is turned into +inf first); the slopes'
-    // array is free until the ends are searched.
+    // Largest step of each group, +inf for a group with a NaN step; the
+    // slopes' array is free until the ends are searched. The steps after the
+    // last point are 0 up to the end of its group.
     double* largest = slope_;
     const double inf = std::numeric_limits<double>::infinity();
+    for (int64_t j = m; j < (groups << kGroupShift); ++j) step_[j] = 0.0;
     for (int64_t g = 0; g < groups; ++g) {
-        const int64_t first = g << kGroupShift;
-        const int64_t end = std::min(m, first + kGroup);
+        const double* s4 = step + (g << kGroupShift);
+#if defined(__SSE2__)
+        // min(x, inf) is x, or inf when x is NaN.
+        const __m128d vinf = _mm_set1_pd(inf);
+        const __m128d a = _mm_min_pd(_mm_loadu_pd(s4), vinf), b = _mm_min_pd(_mm_loadu_pd(s4 + 2), vinf);
+        const __m128d mx = _mm_max_pd(a, b);
+        largest[g] = _mm_cvtsd_f64(_mm_max_sd(mx, _mm_unpackhi_pd(mx, mx)));
+#else
         double mx = 0.0;
-        for (int64_t j = first; j < end; ++j) {
-            const double s = step[j] == step[j] ? step[j] : inf;
-            mx = s > mx ? s : mx;
+        for (int64_t l = 0; l < kGroup; ++l) {
+            const double v = s4[l] == s4[l] ? s4[l] : inf;
+            mx = v > mx ? v : mx;
         }
         largest[g] = mx;
+#endif
     }
-    // Largest over the group and kSpan groups on each side, slid along.
+    // Largest over the group and kSpan groups on each side (none beyond the
+    // line's ends), then the most steps of that size that stay below reach.
     constexpr int64_t kSpan = kMaxSkip / kGroup;  // neighbouring groups whose steps a skip may cross
+    static_assert(kSpan == 2, "the window below spans two groups on each side");
+    for (int64_t h = 1; h <= kSpan; ++h) largest[-h] = largest[groups - 1 + h] = 0.0;
     for (int64_t g = 0; g < groups; ++g) {
-        double mx = largest[g];
-        for (int64_t h = 1; h <= kSpan; ++h) {
-            const double before = g - h >= 0 ? largest[g - h] : 0.0;
-            const double after = g + h < groups ? largest[g + h] : 0.0;
-            mx = std::max(mx, std::max(before, after));
-        }
+        const double* w = largest + g;
+        const double mx = std::max(std::max(std::max(w[-2], w[-1]), std::max(w[1], w[2])), w[0]);
         const double bound = mx * (1.0 + kStepSlack);
-        const double fit = reach / bound;
+        const double fit = reach / bound;  // NaN for a NaN chord or 0 / 0: no skip
         int64_t k = fit >= static_cast<double>(kMaxSkip) ? kMaxSkip : (fit >= 1.0 ? static_cast<int64_t>(fit) : 0);
-        while (k > 0 && !(static_cast<double>(k) * bound < reach)) --k;
+        if (k > 0 && !(static_cast<double>(k) * bound < reach)) --k;  // the quotient's rounding
         skip_[g] = static_cast<int32_t>(k);
     }
 }
@@ -338,45 +360,52 @@ int64_t ArcLine::firstInsideBackward(int64_t i, double reach, double grow) {
     return lo;
 }
 
-// One point's chord ends, searched four points at a time from past its skip;
-// when two groups of four do not reach, the polyline length from the first
-// point bounds the rest of the way. Before the line's start and after its
-// end y is NaN, which reaches nothing.
-void ArcLine::endsOfPoint(int64_t i, int64_t skip, double t, double reach, double grow, int64_t& b, int64_t& f) {
-    constexpr int kQuadsBeforeBisection = 2;
+// One point's chord ends, searched four points at a time from past its
+// group's skip; when two groups of four do not reach, the polyline length
+// from the first point bounds the rest of the way. Before the line's start
+// and after its end y is NaN, which reaches nothing.
+constexpr int kQuadsBeforeBisection = 2;
+
+// The first point before i at least chordLen away, -1 when there is none.
+int64_t ArcLine::backwardEnd(int64_t i, const ChordSearch& cs) {
+    const double* y = y_;
+    const double* z = z_;
+    const double yi = y[i], zi = z[i];
+    // Groups top-3 .. top, the highest reaching point first.
+    int64_t top = i - skip_[i >> kGroupShift] - 1;
+    for (int quads = 0; top >= 0;) {
+        const unsigned r = Quad::reach(y, z, top - 3, yi, zi, cs.t);
+        if (r) return top - 3 + highestBit(r);
+        top -= 4;
+        if (++quads == kQuadsBeforeBisection) top = std::min(top, firstInsideBackward(i, cs.reach, cs.grow) - 1);
+    }
+    return -1;
+}
+
+// The first point after i at least chordLen away, m when there is none.
+int64_t ArcLine::forwardEnd(int64_t i, const ChordSearch& cs) {
     const int64_t m = m_;
     const double* y = y_;
     const double* z = z_;
     const double yi = y[i], zi = z[i];
-    // Backward: groups top-3 .. top, the highest reaching point first.
-    int64_t top = i - skip - 1;
-    unsigned r = 0;
-    for (int quads = 0; top >= 0;) {
-        r = Quad::reach(y, z, top - 3, yi, zi, t);
-        if (r) break;
-        top -= 4;
-        if (++quads == kQuadsBeforeBisection) top = std::min(top, firstInsideBackward(i, reach, grow) - 1);
-    }
-    b = r ? top - 3 + highestBit(r) : -1;
-    // Forward: groups j0 .. j0+3, the lowest reaching point first.
-    int64_t j0 = i + skip + 1;
-    r = 0;
+    // Groups j0 .. j0+3, the lowest reaching point first.
+    int64_t j0 = i + skip_[i >> kGroupShift] + 1;
     for (int quads = 0; j0 < m;) {
-        r = Quad::reach(y, z, j0, yi, zi, t);
-        if (r) break;
+        const unsigned r = Quad::reach(y, z, j0, yi, zi, cs.t);
+        if (r) return j0 + lowestBit(r);
         j0 += 4;
-        if (++quads == kQuadsBeforeBisection) j0 = std::max(j0, firstBeyondForward(i, reach, grow));
+        if (++quads == kQuadsBeforeBisection) j0 = std::max(j0, firstBeyondForward(i, cs.reach, cs.grow));
     }
-    f = r ? j0 + lowestBit(r) : m;
+    return m;
 }
 
 // Records point i's chord slope (0 unless both ends exist) and lists it with
-// its ends when it beats its two neighbours.
-inline void ArcLine::addPoint(int64_t i, int64_t b, int64_t f) {
+// its forward end when it beats its two neighbours.
+inline void ArcLine::addPoint(int64_t i, bool hasBackwardEnd, int64_t f) {
     const double* y = y_;
     const double* z = z_;
     const double yi = y[i], zi = z[i];
-    const bool bothEnds = b >= 0 && f < m_;
+    const bool bothEnds = hasBackwardEnd && f < m_;
     const int64_t fs = bothEnds ? f : i;  // a harmless division when unused
     const double s = (z[fs] - zi) / std::fabs(y[fs] - yi);
     slope_[i] = bothEnds ? s : 0.0;
@@ -385,11 +414,9 @@ inline void ArcLine::addPoint(int64_t i, int64_t b, int64_t f) {
     // mispredicted on every other point of a noisy profile.
     const int64_t ns = survivorCount_;
     survivor_[ns] = static_cast<int32_t>(i);
-    survivorBack_[ns] = static_cast<int32_t>(b);
     survivorFwd_[ns] = static_cast<int32_t>(f);
     survivorCount_ =
-        ns + static_cast<int64_t>(static_cast<unsigned>(z[i - 1] < zi) &
-                                  static_cast<unsigned>(!(z[i + 1] > zi)));
+        ns + static_cast<int64_t>(static_cast<unsigned>(z[i - 1] < zi) & static_cast<unsigned>(!(z[i + 1] > zi)));
 }
 
 #if defined(__SSE2__)
@@ -400,6 +427,15 @@ inline void ArcLine::addPoint(int64_t i, int64_t b, int64_t f) {
 // every point ran out of line.
 struct GroupSearch {
     __m128d yA, yB, zA, zB, t;
+
+    // Points of the group at least chordLen from (yp, zp).
+    unsigned reachesPoint(double yp, double zp) const {
+        const __m128d vy = _mm_set1_pd(yp), vz = _mm_set1_pd(zp);
+        const __m128d dyA = _mm_sub_pd(yA, vy), dyB = _mm_sub_pd(yB, vy);
+        const __m128d dzA = _mm_sub_pd(zA, vz), dzB = _mm_sub_pd(zB, vz);
+        return Quad::bits(_mm_cmpge_pd(_mm_add_pd(_mm_mul_pd(dyA, dyA), _mm_mul_pd(dzA, dzA)), t),
+                          _mm_cmpge_pd(_mm_add_pd(_mm_mul_pd(dyB, dyB), _mm_mul_pd(dzB, dzB)), t));
+    }
 
     unsigned run(const double* y, const double* z, int64_t i0, int64_t dir, int64_t skip, int64_t limit,
                  double off[4], bool& exhausted) const {
@@ -437,18 +473,15 @@ struct GroupSearch {
 };
 #endif
 
-// For every point: the backward chord end b (the first point before it at
-// least chordLen away), the forward one f and the slope of the forward chord;
-// the points that beat their two neighbours are listed with their ends for
-// the full candidate test. Nothing carries from one group of points to the
-// next, so the groups overlap in the pipeline.
-void ArcLine::findChordEnds(double chordLen) {
+// For every point: whether it has a backward chord end, its forward chord
+// end f and the slope of the forward chord; the points that beat their two
+// neighbours are listed with f for the full candidate test, which alone needs
+// the backward end itself. A point has a backward end as soon as the line's
+// first point is chordLen away, which settles nearly every point at once.
+// Nothing carries from one group of points to the next, so the groups overlap
+// in the pipeline.
+void ArcLine::findChordEnds(const ChordSearch& cs) {
     const int64_t m = m_;
-    const double t = chordThreshold(chordLen);
-    // A point whose polyline distance, grown by a bound on the rounding of
-    // the path sums, stays below reach is inside the chord.
-    const double reach = chordLen * (1.0 - kChordSlack);
-    const double grow = 1.0 + 2.0 * static_cast<double>(m + 8) * kEps;
     survivorCount_ = 0;
     int64_t i0 = 0;
 #if defined(__SSE2__)
@@ -461,28 +494,23 @@ void ArcLine::findChordEnds(double chordLen) {
         g.yB = _mm_loadu_pd(y + i0 + 2);
         g.zA = _mm_loadu_pd(z + i0);
         g.zB = _mm_loadu_pd(z + i0 + 2);
-        g.t = _mm_set1_pd(t);
-        double fo[4], bo[4];
-        bool fDone, bDone;
-        // Offsets beyond limit leave every point of the group off the line.
+        g.t = _mm_set1_pd(cs.t);
+        double fo[4];
+        bool fDone;
+        // Offsets beyond the limit leave every point of the group off the line.
         const unsigned fFound = g.run(y, z, i0, 1, skip, m - i0 - 1, fo, fDone);
-        const unsigned bFound = g.run(y, z, i0, -1, skip, i0 + kGroup - 1, bo, bDone);
+        // The first point has nothing before it, even for a chord of 0.
+        const unsigned firstFar = g.reachesPoint(y[0], z[0]) & (i0 == 0 ? 0xEu : 0xFu);
         for (int64_t l = 0; l < kGroup; ++l) {
             const int64_t i = i0 + l;
-            int64_t b = (bFound >> l) & 1u ? i - static_cast<int64_t>(bo[l]) : -1;
             int64_t f = (fFound >> l) & 1u ? i + static_cast<int64_t>(fo[l]) : m;
-            if ((!fDone && !((fFound >> l) & 1u)) || (!bDone && !((bFound >> l) & 1u))) {
-                endsOfPoint(i, skip, t, reach, grow, b, f);
-            }
-            addPoint(i, b, f);
+            if (!fDone && !((fFound >> l) & 1u)) f = forwardEnd(i, cs);
+            const bool hasBack = (firstFar >> l) & 1u ? true : backwardEnd(i, cs) >= 0;
+            addPoint(i, hasBack, f);
         }
     }
 #endif
-    for (; i0 < m; ++i0) {
-        int64_t b, f;
-        endsOfPoint(i0, skip_[i0 >> kGroupShift], t, reach, grow, b, f);
-        addPoint(i0, b, f);
-    }
+    for (; i0 < m; ++i0) addPoint(i0, backwardEnd(i0, cs) >= 0, forwardEnd(i0, cs));
 }
 
 // Bit l set when z[j0 + l] >= zi (orEqual) or > zi, for l = 0 .. 7.
@@ -508,7 +536,7 @@ inline unsigned zAbove8(const double* z, int64_t j0, double zi, bool orEqual) {
 // exceeds; a side without an end is tested to the line's end. The eight
 // points next to the neighbours on each side are tested at once and masked
 // to the range; longer ranges finish point by point.
-void ArcLine::findCandidates() {
+void ArcLine::findCandidates(const ChordSearch& cs) {
     constexpr int64_t kWindow = 8;
     const int64_t m = m_;
     const double* z = z_;
@@ -516,7 +544,7 @@ void ArcLine::findCandidates() {
     for (int64_t s = 0; s < survivorCount_; ++s) {
         const int64_t i = survivor_[s];
         const double zi = z[i];
-        const int64_t first = std::max<int64_t>(survivorBack_[s], 0);
+        const int64_t first = std::max<int64_t>(backwardEnd(i, cs), 0);
         const int64_t last = std::min<int64_t>(survivorFwd_[s], m - 1);
         // Backward window i-9 .. i-2, of which those from first on count.
         const int64_t w0 = i - 1 - kWindow;
