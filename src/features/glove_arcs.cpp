@@ -23,6 +23,10 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__GNUC__) && defined(__x86_64__)
+#include <immintrin.h>
+#define PA_ARCS_AVX2 1
+#endif
 
 #include "internal.h"
 
@@ -50,6 +54,8 @@ constexpr int64_t kMaxSkip = 2 * kGroup;
 // A group walks this many points past its skip before its unfinished points
 // are searched one by one.
 constexpr int64_t kGroupReach = 12;
+// The neighbour test of a group looks this far on each side, within its skip.
+constexpr int64_t kMaxPretest = 4;
 // The skip bound counts every step as the largest one grown by this fraction:
 // far more than the rounding of the steps and of one distance.
 constexpr double kStepSlack = 1e-9;
@@ -82,6 +88,20 @@ struct ChordSearch {
     double reach;
     double grow;
 };
+
+#if defined(PA_ARCS_AVX2)
+// Step lengths of points 0 .. i-1 four at a time (AVX2, no fused multiply-add,
+// so the same operations as the portable loop); returns i.
+__attribute__((target("avx2"))) int64_t stepsFourAtATime(const double* y, const double* z, double* step, int64_t m) {
+    int64_t i = 0;
+    for (; i + 4 < m; i += 4) {
+        const __m256d dy = _mm256_sub_pd(_mm256_loadu_pd(y + i), _mm256_loadu_pd(y + i + 1));
+        const __m256d dz = _mm256_sub_pd(_mm256_loadu_pd(z + i), _mm256_loadu_pd(z + i + 1));
+        _mm256_storeu_pd(step + i, _mm256_sqrt_pd(_mm256_add_pd(_mm256_mul_pd(dy, dy), _mm256_mul_pd(dz, dz))));
+    }
+    return i;
+}
+#endif
 
 // The valid points (z > 0.0001) of the line and their per-point quantities.
 // All working arrays live in two allocations sized once per call.
@@ -150,6 +170,9 @@ private:
         double* step = step_;
         const int64_t m = m_;
         int64_t i = 0;
+#if defined(PA_ARCS_AVX2)
+        if (__builtin_cpu_supports("avx2")) i = stepsFourAtATime(y, z, step, m);
+#endif
 #if defined(__SSE2__)
         // Two roots per instruction; the packed root is correctly rounded
         // like the scalar one, so the lengths are the same bits.
@@ -192,6 +215,9 @@ private:
     int64_t forwardEnd(int64_t i, const ChordSearch& cs);
     void addPoint(int64_t i, bool hasBackwardEnd, int64_t f);
     void findChordEnds(const ChordSearch& cs);
+#if defined(PA_ARCS_AVX2)
+    int64_t chordEndsFourAtATime(const ChordSearch& cs);
+#endif
     void findCandidates(const ChordSearch& cs);
 
     const SKesp3DPosition* in_;
@@ -312,18 +338,32 @@ void ArcLine::computeSkips(double chordLen) {
 #endif
     }
     // Largest over the group and kSpan groups on each side (none beyond the
-    // line's ends), then the most steps of that size that stay below reach.
+    // line's ends); the skip is the most steps of that size that stay below
+    // reach: k counts while the largest step is below reach / k, shortened
+    // by twice the step slack to cover the quotient's rounding. A NaN reach
+    // or step fails every comparison and gives no skip.
     constexpr int64_t kSpan = kMaxSkip / kGroup;  // neighbouring groups whose steps a skip may cross
-    static_assert(kSpan == 2, "the window below spans two groups on each side");
+    static_assert(kSpan == 2 && kMaxSkip == 8, "the window spans two groups on each side, the skip 8 steps");
     for (int64_t h = 1; h <= kSpan; ++h) largest[-h] = largest[groups - 1 + h] = 0.0;
+    double below[kMaxSkip];
+    for (int64_t k = 1; k <= kMaxSkip; ++k) below[k - 1] = reach / static_cast<double>(k) * (1.0 - 2.0 * kStepSlack);
+#if defined(__SSE2__)
+    const __m128d b01 = _mm_loadu_pd(below), b23 = _mm_loadu_pd(below + 2);
+    const __m128d b45 = _mm_loadu_pd(below + 4), b67 = _mm_loadu_pd(below + 6);
+#endif
     for (int64_t g = 0; g < groups; ++g) {
         const double* w = largest + g;
         const double mx = std::max(std::max(std::max(w[-2], w[-1]), std::max(w[1], w[2])), w[0]);
-        const double bound = mx * (1.0 + kStepSlack);
-        const double fit = reach / bound;  // NaN for a NaN chord or 0 / 0: no skip
-        int64_t k = fit >= static_cast<double>(kMaxSkip) ? kMaxSkip : (fit >= 1.0 ? static_cast<int64_t>(fit) : 0);
-        if (k > 0 && !(static_cast<double>(k) * bound < reach)) --k;  // the quotient's rounding
-        skip_[g] = static_cast<int32_t>(k);
+#if defined(__SSE2__)
+        const __m128d v = _mm_set1_pd(mx);
+        const unsigned fits = Quad::bits(_mm_cmplt_pd(v, b01), _mm_cmplt_pd(v, b23)) |
+                              (Quad::bits(_mm_cmplt_pd(v, b45), _mm_cmplt_pd(v, b67)) << 4);
+#else
+        unsigned fits = 0;
+        for (int64_t k = 0; k < kMaxSkip; ++k) fits |= static_cast<unsigned>(mx < below[k]) << k;
+#endif
+        // The bounds fall with k, so the fitting counts form a prefix.
+        skip_[g] = lowestBit(~fits);
     }
 }
 
@@ -484,9 +524,15 @@ void ArcLine::findChordEnds(const ChordSearch& cs) {
     const int64_t m = m_;
     survivorCount_ = 0;
     int64_t i0 = 0;
+#if defined(PA_ARCS_AVX2)
+    if (__builtin_cpu_supports("avx2")) i0 = chordEndsFourAtATime(cs);
+#endif
 #if defined(__SSE2__)
     const double* y = y_;
     const double* z = z_;
+    double* slope = slope_;
+    const __m128d signMask = _mm_set1_pd(-0.0);
+    int64_t ns = survivorCount_;
     for (; i0 + kGroup <= m; i0 += kGroup) {
         const int64_t skip = skip_[i0 >> kGroupShift];
         GroupSearch g;
@@ -499,19 +545,143 @@ void ArcLine::findChordEnds(const ChordSearch& cs) {
         bool fDone;
         // Offsets beyond the limit leave every point of the group off the line.
         const unsigned fFound = g.run(y, z, i0, 1, skip, m - i0 - 1, fo, fDone);
+        int64_t f[4];
+        for (int64_t l = 0; l < kGroup; ++l) f[l] = (fFound >> l) & 1u ? i0 + l + static_cast<int64_t>(fo[l]) : m;
+        if (!fDone && fFound != 0xFu) {
+            for (int64_t l = 0; l < kGroup; ++l)
+                if (!((fFound >> l) & 1u)) f[l] = forwardEnd(i0 + l, cs);
+        }
         // The first point has nothing before it, even for a chord of 0.
-        const unsigned firstFar = g.reachesPoint(y[0], z[0]) & (i0 == 0 ? 0xEu : 0xFu);
+        unsigned hasBack = g.reachesPoint(y[0], z[0]) & (i0 == 0 ? 0xEu : 0xFu);
+        if (hasBack != 0xFu) {
+            for (int64_t l = 0; l < kGroup; ++l)
+                if (!((hasBack >> l) & 1u) && backwardEnd(i0 + l, cs) >= 0) hasBack |= 1u << l;
+        }
+        // Slopes of the four forward chords; a point without both ends reads
+        // its own coordinates (a harmless 0 / 0) and gets 0.
+        int64_t fs[4];
+        unsigned both = 0;
         for (int64_t l = 0; l < kGroup; ++l) {
-            const int64_t i = i0 + l;
-            int64_t f = (fFound >> l) & 1u ? i + static_cast<int64_t>(fo[l]) : m;
-            if (!fDone && !((fFound >> l) & 1u)) f = forwardEnd(i, cs);
-            const bool hasBack = (firstFar >> l) & 1u ? true : backwardEnd(i, cs) >= 0;
-            addPoint(i, hasBack, f);
+            const bool b = ((hasBack >> l) & 1u) && f[l] < m;
+            both |= static_cast<unsigned>(b) << l;
+            fs[l] = b ? f[l] : i0 + l;
+        }
+        const __m128d yfA = _mm_set_pd(y[fs[1]], y[fs[0]]), yfB = _mm_set_pd(y[fs[3]], y[fs[2]]);
+        const __m128d zfA = _mm_set_pd(z[fs[1]], z[fs[0]]), zfB = _mm_set_pd(z[fs[3]], z[fs[2]]);
+        const __m128d sA = _mm_div_pd(_mm_sub_pd(zfA, g.zA), _mm_andnot_pd(signMask, _mm_sub_pd(yfA, g.yA)));
+        const __m128d sB = _mm_div_pd(_mm_sub_pd(zfB, g.zB), _mm_andnot_pd(signMask, _mm_sub_pd(yfB, g.yB)));
+        const __m128d keepA = _mm_castsi128_pd(_mm_set_epi64x(-static_cast<int64_t>((both >> 1) & 1u), -static_cast<int64_t>(both & 1u)));
+        const __m128d keepB = _mm_castsi128_pd(_mm_set_epi64x(-static_cast<int64_t>((both >> 3) & 1u), -static_cast<int64_t>((both >> 2) & 1u)));
+        _mm_storeu_pd(slope + i0, _mm_and_pd(keepA, sA));
+        _mm_storeu_pd(slope + i0 + 2, _mm_and_pd(keepB, sB));
+        // The neighbour test of the four points (the padding makes it hold
+        // at the line's ends).
+        // The neighbour test, extended to the points the skip places inside
+        // the chord: they lie within both searches' ranges.
+        // Always four offsets, those beyond the skip (beyond the first) masked
+        // out, so that no branch depends on the skip.
+        unsigned beats = 0xFu;
+        for (int64_t o = 1; o <= kMaxPretest; ++o) {
+            const unsigned ignored = (o > 1 && o > skip) ? 0xFu : 0u;
+            beats &= (Quad::bits(_mm_cmplt_pd(_mm_loadu_pd(z + i0 - o), g.zA), _mm_cmplt_pd(_mm_loadu_pd(z + i0 + 2 - o), g.zB)) &
+                      ~Quad::bits(_mm_cmpgt_pd(_mm_loadu_pd(z + i0 + o), g.zA), _mm_cmpgt_pd(_mm_loadu_pd(z + i0 + 2 + o), g.zB))) |
+                     ignored;
+        }
+        for (int64_t l = 0; l < kGroup; ++l) {
+            survivor_[ns] = static_cast<int32_t>(i0 + l);
+            survivorFwd_[ns] = static_cast<int32_t>(f[l]);
+            ns += (beats >> l) & 1u;
         }
     }
+    survivorCount_ = ns;
 #endif
     for (; i0 < m; ++i0) addPoint(i0, backwardEnd(i0, cs) >= 0, forwardEnd(i0, cs));
 }
+
+#if defined(PA_ARCS_AVX2)
+// The group loop of findChordEnds with the four points of a group in one AVX2
+// register: the same operations lane for lane (no fused multiply-add), so the
+// same results. Returns the first point it left to the portable loop.
+__attribute__((target("avx2"))) int64_t ArcLine::chordEndsFourAtATime(const ChordSearch& cs) {
+    const int64_t m = m_;
+    const double* y = y_;
+    const double* z = z_;
+    double* slope = slope_;
+    const __m256d vt = _mm256_set1_pd(cs.t);
+    const __m256d signMask = _mm256_set1_pd(-0.0);
+    const __m128i lanes = _mm_set_epi32(3, 2, 1, 0);
+    int64_t ns = survivorCount_;
+    int64_t i0 = 0;
+    for (; i0 + kGroup <= m; i0 += kGroup) {
+        const int64_t skip = skip_[i0 >> kGroupShift];
+        const __m256d yv = _mm256_loadu_pd(y + i0), zv = _mm256_loadu_pd(z + i0);
+        // Forward search, as GroupSearch::run.
+        __m256d found = _mm256_setzero_pd(), off = _mm256_setzero_pd();
+        unsigned fFound = 0;
+        bool fDone = false;
+        for (int64_t o = skip + 1;; ++o) {
+            if (o > m - i0 - 1) {
+                fDone = true;
+                break;
+            }
+            if (o > skip + kGroupReach) break;
+            const __m256d dy = _mm256_sub_pd(yv, _mm256_loadu_pd(y + i0 + o));
+            const __m256d dz = _mm256_sub_pd(zv, _mm256_loadu_pd(z + i0 + o));
+            const __m256d r = _mm256_cmp_pd(_mm256_add_pd(_mm256_mul_pd(dy, dy), _mm256_mul_pd(dz, dz)), vt, _CMP_GE_OQ);
+            off = _mm256_or_pd(_mm256_and_pd(_mm256_andnot_pd(found, r), _mm256_set1_pd(static_cast<double>(o))), off);
+            found = _mm256_or_pd(found, r);
+            fFound = static_cast<unsigned>(_mm256_movemask_pd(found));
+            if (o > skip + 1 && fFound == 0xFu) break;
+        }
+        // f = i + offset where found, else m.
+        const __m128i fvec0 = _mm_add_epi32(_mm_add_epi32(_mm_set1_epi32(static_cast<int32_t>(i0)), lanes),
+                                            _mm256_cvttpd_epi32(off));
+        alignas(16) int32_t f[4];
+        _mm_store_si128(reinterpret_cast<__m128i*>(f), fvec0);
+        for (int64_t l = 0; l < kGroup; ++l)
+            if (!((fFound >> l) & 1u)) f[l] = static_cast<int32_t>(fDone ? m : forwardEnd(i0 + l, cs));
+        // Backward ends: the line's first point settles nearly every point.
+        const __m256d dy0 = _mm256_sub_pd(yv, _mm256_set1_pd(y[0])), dz0 = _mm256_sub_pd(zv, _mm256_set1_pd(z[0]));
+        unsigned hasBack = static_cast<unsigned>(_mm256_movemask_pd(
+                               _mm256_cmp_pd(_mm256_add_pd(_mm256_mul_pd(dy0, dy0), _mm256_mul_pd(dz0, dz0)), vt, _CMP_GE_OQ))) &
+                           (i0 == 0 ? 0xEu : 0xFu);
+        if (hasBack != 0xFu) {
+            for (int64_t l = 0; l < kGroup; ++l)
+                if (!((hasBack >> l) & 1u) && backwardEnd(i0 + l, cs) >= 0) hasBack |= 1u << l;
+        }
+        // Slopes; a point without both ends reads its own coordinates.
+        alignas(16) int32_t fs[4];
+        alignas(32) int64_t keep[4];
+        for (int64_t l = 0; l < kGroup; ++l) {
+            const bool b = ((hasBack >> l) & 1u) && f[l] < m;
+            fs[l] = b ? f[l] : static_cast<int32_t>(i0 + l);
+            keep[l] = b ? -1 : 0;
+        }
+        const __m256d yf = _mm256_set_pd(y[fs[3]], y[fs[2]], y[fs[1]], y[fs[0]]);
+        const __m256d zf = _mm256_set_pd(z[fs[3]], z[fs[2]], z[fs[1]], z[fs[0]]);
+        const __m256d sl = _mm256_div_pd(_mm256_sub_pd(zf, zv), _mm256_andnot_pd(signMask, _mm256_sub_pd(yf, yv)));
+        _mm256_storeu_pd(slope + i0, _mm256_and_pd(_mm256_castsi256_pd(_mm256_load_si256(reinterpret_cast<const __m256i*>(keep))), sl));
+        // The neighbour test, extended to the points the skip places inside
+        // the chord: they lie within both searches' ranges.
+        // Always four offsets, those beyond the skip (beyond the first) masked
+        // out, so that no branch depends on the skip.
+        unsigned beats = 0xFu;
+        for (int64_t o = 1; o <= kMaxPretest; ++o) {
+            const unsigned ignored = (o > 1 && o > skip) ? 0xFu : 0u;
+            beats &= (static_cast<unsigned>(_mm256_movemask_pd(_mm256_cmp_pd(_mm256_loadu_pd(z + i0 - o), zv, _CMP_LT_OQ))) &
+                      ~static_cast<unsigned>(_mm256_movemask_pd(_mm256_cmp_pd(_mm256_loadu_pd(z + i0 + o), zv, _CMP_GT_OQ)))) |
+                     ignored;
+        }
+        for (int64_t l = 0; l < kGroup; ++l) {
+            survivor_[ns] = static_cast<int32_t>(i0 + l);
+            survivorFwd_[ns] = f[l];
+            ns += (beats >> l) & 1u;
+        }
+    }
+    survivorCount_ = ns;
+    return i0;
+}
+#endif
 
 // Bit l set when z[j0 + l] >= zi (orEqual) or > zi, for l = 0 .. 7.
 inline unsigned zAbove8(const double* z, int64_t j0, double zi, bool orEqual) {
