@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../../src/features/glove_arcs_kernel.h"
 #include "test_util.h"
 
 using testutil::pt;
@@ -304,5 +305,27 @@ TEST(GloveArcs, OddParametersMatchThePlainDefinition) {
     for (int trial = 0; trial < 40; ++trial) {
         const auto v = stressProfile(rng, static_cast<int>(rng.integer(10, 200)), trial % 2 == 0);
         for (const auto& prm : odd) expectSameArcs(v, prm, trial);
+    }
+}
+
+TEST(GloveArcs, PortableAndAvx2KernelsMatchThePlainDefinition) {
+    // The exported routine takes the AVX2 kernels where the processor has
+    // them; here both kernels run on the same lines, whatever the processor.
+    testutil::Rng rng(31);
+    const bool avx2 = pa_detail::glove_arcs::avx2Available();
+    const double chords[] = {0.0, 0.3, 0.5, 2.5, 40.0, 1e9};
+    for (int trial = 0; trial < 200; ++trial) {
+        const auto v = stressProfile(rng, static_cast<int>(rng.integer(10, 300)), trial % 3 == 0);
+        const SHX_gloveArcParam prm = arcParam(chords[trial % 6], rng.uniform(0.0, 4.0), rng.uniform(-30.0, 60.0));
+        const auto want = plainGloveArcs(v, trial, prm);
+        for (int useAvx2 = 0; useAvx2 <= (avx2 ? 1 : 0); ++useAvx2) {
+            std::vector<SHX_basicFeature1D> got;
+            pa_detail::glove_arcs::detect(v, trial, prm, got, useAvx2 == 1);
+            ASSERT_EQ(got.size(), want.size()) << "trial " << trial << " avx2 " << useAvx2;
+            for (size_t i = 0; i < got.size(); ++i) {
+                EXPECT_EQ(got[i].featurePos.nPointIdx, want[i].featurePos.nPointIdx);
+                EXPECT_EQ(got[i].featureValue, want[i].featureValue);
+            }
+        }
     }
 }
