@@ -643,34 +643,43 @@ __attribute__((target("avx2"))) inline int64_t ArcLine::chordEndsFourAtATime(con
             fFound = static_cast<unsigned>(_mm256_movemask_pd(found));
             if (o > skip + 1 && fFound == 0xFu) break;
         }
-        // f = i + offset where found, else m.
-        const __m128i fvec0 = _mm_add_epi32(_mm_add_epi32(_mm_set1_epi32(static_cast<int32_t>(i0)), lanes),
-                                            _mm256_cvttpd_epi32(off));
+        // f = i + offset where found.
         alignas(16) int32_t f[4];
-        _mm_store_si128(reinterpret_cast<__m128i*>(f), fvec0);
-        for (int64_t l = 0; l < kGroup; ++l)
-            if (!((fFound >> l) & 1u)) f[l] = static_cast<int32_t>(fDone ? m : forwardEnd(i0 + l, cs));
+        const __m128i fvec = _mm_add_epi32(_mm_add_epi32(_mm_set1_epi32(static_cast<int32_t>(i0)), lanes),
+                                           _mm256_cvttpd_epi32(off));
+        _mm_store_si128(reinterpret_cast<__m128i*>(f), fvec);
         // Backward ends: the line's first point settles nearly every point.
         const __m256d dy0 = _mm256_sub_pd(yv, _mm256_set1_pd(y[0])), dz0 = _mm256_sub_pd(zv, _mm256_set1_pd(z[0]));
         unsigned hasBack = static_cast<unsigned>(_mm256_movemask_pd(
                                _mm256_cmp_pd(_mm256_add_pd(_mm256_mul_pd(dy0, dy0), _mm256_mul_pd(dz0, dz0)), vt, _CMP_GE_OQ))) &
                            (i0 == 0 ? 0xEu : 0xFu);
-        if (hasBack != 0xFu) {
-            for (int64_t l = 0; l < kGroup; ++l)
+        __m256d sl;
+        if ((fFound & hasBack) == 0xFu) {
+            // Every point has both ends (nearly always).
+            const __m256d yf = _mm256_set_pd(y[f[3]], y[f[2]], y[f[1]], y[f[0]]);
+            const __m256d zf = _mm256_set_pd(z[f[3]], z[f[2]], z[f[1]], z[f[0]]);
+            sl = _mm256_div_pd(_mm256_sub_pd(zf, zv), _mm256_andnot_pd(signMask, _mm256_sub_pd(yf, yv)));
+        } else {
+            // Points without a forward end within the group's reach, or with
+            // the first point too near; a point without both ends reads its
+            // own coordinates and gets 0.
+            for (int64_t l = 0; l < kGroup; ++l) {
+                if (!((fFound >> l) & 1u)) f[l] = static_cast<int32_t>(fDone ? m : forwardEnd(i0 + l, cs));
                 if (!((hasBack >> l) & 1u) && backwardEnd(i0 + l, cs) >= 0) hasBack |= 1u << l;
+            }
+            alignas(16) int32_t fs[4];
+            alignas(32) int64_t keep[4];
+            for (int64_t l = 0; l < kGroup; ++l) {
+                const bool both = ((hasBack >> l) & 1u) && f[l] < m;
+                fs[l] = both ? f[l] : static_cast<int32_t>(i0 + l);
+                keep[l] = both ? -1 : 0;
+            }
+            const __m256d yf = _mm256_set_pd(y[fs[3]], y[fs[2]], y[fs[1]], y[fs[0]]);
+            const __m256d zf = _mm256_set_pd(z[fs[3]], z[fs[2]], z[fs[1]], z[fs[0]]);
+            sl = _mm256_and_pd(_mm256_castsi256_pd(_mm256_load_si256(reinterpret_cast<const __m256i*>(keep))),
+                               _mm256_div_pd(_mm256_sub_pd(zf, zv), _mm256_andnot_pd(signMask, _mm256_sub_pd(yf, yv))));
         }
-        // Slopes; a point without both ends reads its own coordinates.
-        alignas(16) int32_t fs[4];
-        alignas(32) int64_t keep[4];
-        for (int64_t l = 0; l < kGroup; ++l) {
-            const bool b = ((hasBack >> l) & 1u) && f[l] < m;
-            fs[l] = b ? f[l] : static_cast<int32_t>(i0 + l);
-            keep[l] = b ? -1 : 0;
-        }
-        const __m256d yf = _mm256_set_pd(y[fs[3]], y[fs[2]], y[fs[1]], y[fs[0]]);
-        const __m256d zf = _mm256_set_pd(z[fs[3]], z[fs[2]], z[fs[1]], z[fs[0]]);
-        const __m256d sl = _mm256_div_pd(_mm256_sub_pd(zf, zv), _mm256_andnot_pd(signMask, _mm256_sub_pd(yf, yv)));
-        _mm256_storeu_pd(slope + i0, _mm256_and_pd(_mm256_castsi256_pd(_mm256_load_si256(reinterpret_cast<const __m256i*>(keep))), sl));
+        _mm256_storeu_pd(slope + i0, sl);
         // The neighbour test, extended to the points the skip places inside
         // the chord: they lie within both searches' ranges.
         // Always four offsets, those beyond the skip (beyond the first) masked
