@@ -225,6 +225,8 @@ private:
     void addPoint(int64_t i, bool hasBackwardEnd, int64_t f);
     void findChordEnds(const ChordSearch& cs);
 #if defined(PA_ARCS_AVX2)
+    int64_t largestStepsFourAtATime(int64_t groups);
+    int64_t skipsFourAtATime(int64_t groups, const double* below);
     int64_t chordEndsFourAtATime(const ChordSearch& cs);
 #endif
     void findCandidates(const ChordSearch& cs);
@@ -330,7 +332,11 @@ inline void ArcLine::computeSkips(double chordLen) {
     double* largest = slope_;
     const double inf = std::numeric_limits<double>::infinity();
     for (int64_t j = m; j < (groups << kGroupShift); ++j) step_[j] = 0.0;
-    for (int64_t g = 0; g < groups; ++g) {
+    int64_t g0 = 0;
+#if defined(PA_ARCS_AVX2)
+    if (avx2_) g0 = largestStepsFourAtATime(groups);
+#endif
+    for (int64_t g = g0; g < groups; ++g) {
         const double* s4 = step + (g << kGroupShift);
 #if defined(__SSE2__)
         // min(x, inf) is x, or inf when x is NaN.
@@ -361,7 +367,11 @@ inline void ArcLine::computeSkips(double chordLen) {
     const __m128d b01 = _mm_loadu_pd(below), b23 = _mm_loadu_pd(below + 2);
     const __m128d b45 = _mm_loadu_pd(below + 4), b67 = _mm_loadu_pd(below + 6);
 #endif
-    for (int64_t g = 0; g < groups; ++g) {
+    g0 = 0;
+#if defined(PA_ARCS_AVX2)
+    if (avx2_) g0 = skipsFourAtATime(groups, below);
+#endif
+    for (int64_t g = g0; g < groups; ++g) {
         const double* w = largest + g;
         const double mx = std::max(std::max(std::max(w[-2], w[-1]), std::max(w[1], w[2])), w[0]);
 #if defined(__SSE2__)
@@ -376,6 +386,47 @@ inline void ArcLine::computeSkips(double chordLen) {
         skip_[g] = lowestBit(~fits);
     }
 }
+
+#if defined(PA_ARCS_AVX2)
+// The largest step of groups 0 .. g-1 (+inf for a NaN step), four groups at a
+// time; returns g.
+__attribute__((target("avx2"))) inline int64_t ArcLine::largestStepsFourAtATime(int64_t groups) {
+    const double* step = step_;
+    double* largest = slope_;
+    const __m256d vinf = _mm256_set1_pd(std::numeric_limits<double>::infinity());
+    int64_t g = 0;
+    for (; g + 4 <= groups; g += 4) {
+        const double* s = step + (g << kGroupShift);
+        // min(x, inf) is x, or inf when x is NaN.
+        const __m256d a = _mm256_min_pd(_mm256_loadu_pd(s), vinf), b = _mm256_min_pd(_mm256_loadu_pd(s + 4), vinf);
+        const __m256d c = _mm256_min_pd(_mm256_loadu_pd(s + 8), vinf), d = _mm256_min_pd(_mm256_loadu_pd(s + 12), vinf);
+        const __m256d ab = _mm256_max_pd(_mm256_unpacklo_pd(a, b), _mm256_unpackhi_pd(a, b));
+        const __m256d cd = _mm256_max_pd(_mm256_unpacklo_pd(c, d), _mm256_unpackhi_pd(c, d));
+        _mm256_storeu_pd(largest + g, _mm256_max_pd(_mm256_permute2f128_pd(ab, cd, 0x20), _mm256_permute2f128_pd(ab, cd, 0x31)));
+    }
+    return g;
+}
+
+// The skips of groups 0 .. g-1, four groups at a time, counted as the
+// thresholds below[] the window's largest step stays under; returns g.
+__attribute__((target("avx2"))) inline int64_t ArcLine::skipsFourAtATime(int64_t groups, const double* below) {
+    const double* largest = slope_;
+    int64_t g = 0;
+    for (; g + 4 + 2 <= groups + 2; g += 4) {
+        const double* w = largest + g;
+        const __m256d mx = _mm256_max_pd(
+            _mm256_max_pd(_mm256_max_pd(_mm256_loadu_pd(w - 2), _mm256_loadu_pd(w - 1)),
+                          _mm256_max_pd(_mm256_loadu_pd(w + 1), _mm256_loadu_pd(w + 2))),
+            _mm256_loadu_pd(w));
+        __m256i count = _mm256_setzero_si256();
+        for (int64_t k = 0; k < kMaxSkip; ++k)
+            count = _mm256_sub_epi64(count, _mm256_castpd_si256(_mm256_cmp_pd(mx, _mm256_set1_pd(below[k]), _CMP_LT_OQ)));
+        const __m256i low32 = _mm256_permutevar8x32_epi32(count, _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(skip_.get() + g), _mm256_castsi256_si128(low32));
+    }
+    return g;
+}
+#endif
 
 // The first point after i that the path bound cannot place inside the chord
 // (m when every later one is). The test is false from some point on (the
