@@ -660,6 +660,17 @@ inline void ArcLine::findChordEnds(const ChordSearch& cs) {
 }
 
 #if defined(PA_ARCS_AVX2)
+// Tests points l + o (l = 0 .. 3) of yg, zg against points l: lanes that
+// reach the chord for the first time take offset o.
+__attribute__((target("avx2"))) inline void reachAtOffset(const double* yg, const double* zg, int64_t o, const __m256d& yv,
+                                                          const __m256d& zv, const __m256d& vt, __m256d& found, __m256d& off) {
+    const __m256d dy = _mm256_sub_pd(yv, _mm256_loadu_pd(yg + o));
+    const __m256d dz = _mm256_sub_pd(zv, _mm256_loadu_pd(zg + o));
+    const __m256d r = _mm256_cmp_pd(_mm256_add_pd(_mm256_mul_pd(dy, dy), _mm256_mul_pd(dz, dz)), vt, _CMP_GE_OQ);
+    off = _mm256_or_pd(_mm256_and_pd(_mm256_andnot_pd(found, r), _mm256_set1_pd(static_cast<double>(o))), off);
+    found = _mm256_or_pd(found, r);
+}
+
 // The group loop of findChordEnds with the four points of a group in one AVX2
 // register: the same operations lane for lane (no fused multiply-add), so the
 // same results. Returns the first point it left to the portable loop.
@@ -680,19 +691,26 @@ __attribute__((target("avx2"))) inline int64_t ArcLine::chordEndsFourAtATime(con
         __m256d found = _mm256_setzero_pd(), off = _mm256_setzero_pd();
         unsigned fFound = 0;
         bool fDone = false;
-        for (int64_t o = skip + 1;; ++o) {
-            if (o > m - i0 - 1) {
+        // Two offsets per round and one exit test: the ends of a group
+        // usually lie within two offsets of one another.
+        const int64_t limit = m - i0 - 1;  // beyond it every point of the group is off the line
+        const double* yg = y + i0;
+        const double* zg = z + i0;
+        for (int64_t o = skip + 1;; o += 2) {
+            if (o > limit) {
                 fDone = true;
                 break;
             }
             if (o > skip + kGroupReach) break;
-            const __m256d dy = _mm256_sub_pd(yv, _mm256_loadu_pd(y + i0 + o));
-            const __m256d dz = _mm256_sub_pd(zv, _mm256_loadu_pd(z + i0 + o));
-            const __m256d r = _mm256_cmp_pd(_mm256_add_pd(_mm256_mul_pd(dy, dy), _mm256_mul_pd(dz, dz)), vt, _CMP_GE_OQ);
-            off = _mm256_or_pd(_mm256_and_pd(_mm256_andnot_pd(found, r), _mm256_set1_pd(static_cast<double>(o))), off);
-            found = _mm256_or_pd(found, r);
+            reachAtOffset(yg, zg, o, yv, zv, vt, found, off);
+            if (o + 1 > limit) {
+                fDone = true;
+                fFound = static_cast<unsigned>(_mm256_movemask_pd(found));
+                break;
+            }
+            reachAtOffset(yg, zg, o + 1, yv, zv, vt, found, off);
             fFound = static_cast<unsigned>(_mm256_movemask_pd(found));
-            if (o > skip + 1 && fFound == 0xFu) break;
+            if (fFound == 0xFu) break;
         }
         // f = i + offset where found.
         alignas(16) int32_t f[4];
