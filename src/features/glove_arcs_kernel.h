@@ -662,10 +662,14 @@ inline void ArcLine::findChordEnds(const ChordSearch& cs) {
 #if defined(PA_ARCS_AVX2)
 // Tests points l + o (l = 0 .. 3) of yg, zg against points l: lanes that
 // reach the chord for the first time take offset o.
+// The points tested are left in yo, zo.
 __attribute__((target("avx2"))) inline void reachAtOffset(const double* yg, const double* zg, int64_t o, const __m256d& yv,
-                                                          const __m256d& zv, const __m256d& vt, __m256d& found, __m256d& off) {
-    const __m256d dy = _mm256_sub_pd(yv, _mm256_loadu_pd(yg + o));
-    const __m256d dz = _mm256_sub_pd(zv, _mm256_loadu_pd(zg + o));
+                                                          const __m256d& zv, const __m256d& vt, __m256d& found, __m256d& off,
+                                                          __m256d& yo, __m256d& zo) {
+    yo = _mm256_loadu_pd(yg + o);
+    zo = _mm256_loadu_pd(zg + o);
+    const __m256d dy = _mm256_sub_pd(yv, yo);
+    const __m256d dz = _mm256_sub_pd(zv, zo);
     const __m256d r = _mm256_cmp_pd(_mm256_add_pd(_mm256_mul_pd(dy, dy), _mm256_mul_pd(dz, dz)), vt, _CMP_GE_OQ);
     off = _mm256_or_pd(_mm256_and_pd(_mm256_andnot_pd(found, r), _mm256_set1_pd(static_cast<double>(o))), off);
     found = _mm256_or_pd(found, r);
@@ -696,21 +700,30 @@ __attribute__((target("avx2"))) inline int64_t ArcLine::chordEndsFourAtATime(con
         const int64_t limit = m - i0 - 1;  // beyond it every point of the group is off the line
         const double* yg = y + i0;
         const double* zg = z + i0;
+        // The points of the last round, and whether the first round found
+        // every end: the ends are then among them.
+        __m256d yo = _mm256_setzero_pd(), zo = yo, yo1 = yo, zo1 = yo;
+        int64_t lastRound = 0;
+        bool firstRound = false;
         for (int64_t o = skip + 1;; o += 2) {
             if (o > limit) {
                 fDone = true;
                 break;
             }
             if (o > skip + kGroupReach) break;
-            reachAtOffset(yg, zg, o, yv, zv, vt, found, off);
+            reachAtOffset(yg, zg, o, yv, zv, vt, found, off, yo, zo);
             if (o + 1 > limit) {
                 fDone = true;
                 fFound = static_cast<unsigned>(_mm256_movemask_pd(found));
                 break;
             }
-            reachAtOffset(yg, zg, o + 1, yv, zv, vt, found, off);
+            reachAtOffset(yg, zg, o + 1, yv, zv, vt, found, off, yo1, zo1);
             fFound = static_cast<unsigned>(_mm256_movemask_pd(found));
-            if (fFound == 0xFu) break;
+            if (fFound == 0xFu) {
+                lastRound = o;
+                firstRound = o == skip + 1;
+                break;
+            }
         }
         // f = i + offset where found.
         alignas(16) int32_t f[4];
@@ -723,8 +736,14 @@ __attribute__((target("avx2"))) inline int64_t ArcLine::chordEndsFourAtATime(con
                                _mm256_cmp_pd(_mm256_add_pd(_mm256_mul_pd(dy0, dy0), _mm256_mul_pd(dz0, dz0)), vt, _CMP_GE_OQ))) &
                            (i0 == 0 ? 0xEu : 0xFu);
         __m256d sl;
-        if ((fFound & hasBack) == 0xFu) {
-            // Every point has both ends (nearly always).
+        if (firstRound && hasBack == 0xFu) {
+            // Every point has both ends, at one of the first two offsets
+            // (nearly always): the chord ends are already loaded.
+            const __m256d second = _mm256_cmp_pd(off, _mm256_set1_pd(static_cast<double>(lastRound + 1)), _CMP_EQ_OQ);
+            const __m256d yf = _mm256_blendv_pd(yo, yo1, second), zf = _mm256_blendv_pd(zo, zo1, second);
+            sl = _mm256_div_pd(_mm256_sub_pd(zf, zv), _mm256_andnot_pd(signMask, _mm256_sub_pd(yf, yv)));
+        } else if ((fFound & hasBack) == 0xFu) {
+            // Every point has both ends.
             const __m256d yf = _mm256_set_pd(y[f[3]], y[f[2]], y[f[1]], y[f[0]]);
             const __m256d zf = _mm256_set_pd(z[f[3]], z[f[2]], z[f[1]], z[f[0]]);
             sl = _mm256_div_pd(_mm256_sub_pd(zf, zv), _mm256_andnot_pd(signMask, _mm256_sub_pd(yf, yv)));
