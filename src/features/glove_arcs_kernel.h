@@ -228,6 +228,7 @@ private:
     int64_t largestStepsFourAtATime(int64_t groups);
     int64_t skipsFourAtATime(int64_t groups, const double* below);
     int64_t chordEndsFourAtATime(const ChordSearch& cs);
+    void findCandidatesFourAtATime(const ChordSearch& cs);
 #endif
     void findCandidates(const ChordSearch& cs);
 
@@ -790,6 +791,68 @@ __attribute__((target("avx2"))) inline int64_t ArcLine::chordEndsFourAtATime(con
 }
 #endif
 
+#if defined(PA_ARCS_AVX2)
+// findCandidates with four points per AVX2 comparison: the first group of
+// the backward search and the two windows. The same tests, so the same
+// candidates.
+__attribute__((target("avx2"))) inline void ArcLine::findCandidatesFourAtATime(const ChordSearch& cs) {
+    constexpr int64_t kWindow = 8;
+    const int64_t m = m_;
+    const double* y = y_;
+    const double* z = z_;
+    const __m256d vt = _mm256_set1_pd(cs.t);
+    int64_t nc = 0;
+    for (int64_t s = 0; s < survivorCount_; ++s) {
+        const int64_t i = survivor_[s];
+        const __m256d yi = _mm256_set1_pd(y[i]), zi = _mm256_set1_pd(z[i]);
+        // Backward end: the first group of four below the skip nearly
+        // always holds it; otherwise the general search.
+        const int64_t top = i - skip_[i >> kGroupShift] - 1;
+        int64_t b = -1;
+        if (top >= 0) {
+            const __m256d dy = _mm256_sub_pd(yi, _mm256_loadu_pd(y + top - 3));
+            const __m256d dz = _mm256_sub_pd(zi, _mm256_loadu_pd(z + top - 3));
+            const unsigned r = static_cast<unsigned>(_mm256_movemask_pd(
+                _mm256_cmp_pd(_mm256_add_pd(_mm256_mul_pd(dy, dy), _mm256_mul_pd(dz, dz)), vt, _CMP_GE_OQ)));
+            b = r ? top - 3 + highestBit(r) : backwardEnd(i, cs);
+        }
+        const int64_t first = std::max<int64_t>(b, 0);
+        const int64_t last = std::min<int64_t>(survivorFwd_[s], m - 1);
+        // Backward window i-9 .. i-2, of which those from first on count.
+        const int64_t w0 = i - 1 - kWindow;
+        const unsigned backValid = 0xFFu << static_cast<unsigned>(std::max<int64_t>(first - w0, 0));
+        // Forward window i+2 .. i+9, of which those up to last count.
+        const int64_t fwdCount = std::min<int64_t>(std::max<int64_t>(last - i - 1, 0), kWindow);
+        const unsigned fwdValid = (1u << static_cast<unsigned>(fwdCount)) - 1u;
+        const unsigned backHigh =
+            static_cast<unsigned>(_mm256_movemask_pd(_mm256_cmp_pd(_mm256_loadu_pd(z + w0), zi, _CMP_GE_OQ))) |
+            (static_cast<unsigned>(_mm256_movemask_pd(_mm256_cmp_pd(_mm256_loadu_pd(z + w0 + 4), zi, _CMP_GE_OQ))) << 4);
+        const unsigned fwdHigh =
+            static_cast<unsigned>(_mm256_movemask_pd(_mm256_cmp_pd(_mm256_loadu_pd(z + i + 2), zi, _CMP_GT_OQ))) |
+            (static_cast<unsigned>(_mm256_movemask_pd(_mm256_cmp_pd(_mm256_loadu_pd(z + i + 6), zi, _CMP_GT_OQ))) << 4);
+        bool isCand = ((backHigh & backValid & 0xFFu) | (fwdHigh & fwdValid)) == 0;
+        const double zs = z[i];
+        if (first < w0 && isCand) {
+            for (int64_t j = first; j < w0; ++j)
+                if (z[j] >= zs) {
+                    isCand = false;
+                    break;
+                }
+        }
+        if (last > i + 1 + kWindow && isCand) {
+            for (int64_t j = i + 2 + kWindow; j <= last; ++j)
+                if (z[j] > zs) {
+                    isCand = false;
+                    break;
+                }
+        }
+        cand_[nc] = static_cast<int32_t>(i);
+        nc += isCand ? 1 : 0;
+    }
+    candCount_ = nc;
+}
+#endif
+
 // Bit l set when z[j0 + l] >= zi (orEqual) or > zi, for l = 0 .. 7.
 inline unsigned zAbove8(const double* z, int64_t j0, double zi, bool orEqual) {
 #if defined(__SSE2__)
@@ -814,6 +877,12 @@ inline unsigned zAbove8(const double* z, int64_t j0, double zi, bool orEqual) {
 // points next to the neighbours on each side are tested at once and masked
 // to the range; longer ranges finish point by point.
 inline void ArcLine::findCandidates(const ChordSearch& cs) {
+#if defined(PA_ARCS_AVX2)
+    if (avx2_) {
+        findCandidatesFourAtATime(cs);
+        return;
+    }
+#endif
     constexpr int64_t kWindow = 8;
     const int64_t m = m_;
     const double* z = z_;
