@@ -3,19 +3,22 @@
 // Glove arcs: sharp bends of a profile through a local z maximum, measured by
 // the drop of the forward chord's slope angle around the point.
 //
-// The work is three sweeps over the valid points. The first copies them and
-// takes the step lengths and the polyline length from the first point. The
-// second finds both chord ends of every point with two bounds that only move
-// forward: a point cannot be farther from i than the polyline between them,
-// so the points whose polyline distance to i is provably below chordLen are
-// skipped and the search starts at the first one that might reach, which
-// leaves the result that of the plain search from i's neighbour outward. With
-// the ends known, the candidate test is a comparison of z over the points up
-// to them, and the slope of every point's forward chord is taken. The third
-// walks the arcs of the candidates over those slopes. The angle is a
-// non-decreasing function of the slope, so the largest (smallest) angle over
-// an arc is the angle of the largest (smallest) slope; the arc tangent is
-// taken only when a cheap bound of the drop cannot rule the candidate out.
+// The valid points are copied once, with their step lengths. Every point
+// needs the slope of its forward chord (most points lie on the arcs of some
+// candidate) and so its forward chord end; points are searched in groups of
+// four, side by side, one offset at a time. A point cannot be farther from i
+// than the polyline between them, so within a group's skip (as many steps as
+// the largest step nearby fits into chordLen) no point can end the chord and
+// the search starts past it; the result is that of the plain search from the
+// neighbour outward. Whether a backward end exists is settled by the line's
+// first point for nearly every point; the backward end itself is searched
+// only for the points that beat their neighbours (those within the skip
+// included), whose full candidate test compares z up to both ends. Candidates
+// then walk their arcs over the slopes. The angle is a non-decreasing
+// function of the slope, so the largest (smallest) angle over an arc is the
+// angle of the largest (smallest) slope; the arc tangent is taken only when a
+// cheap bound of the drop cannot rule the candidate out. The group loops run
+// on AVX2 where the processor has it, with the same operations lane for lane.
 //
 // The kernel lives in this header so that the tests can run its portable and
 // AVX2 paths side by side.
@@ -113,7 +116,7 @@ __attribute__((target("avx2"))) inline int64_t stepsFourAtATime(const double* y,
 #endif
 
 // The valid points (z > 0.0001) of the line and their per-point quantities.
-// All working arrays live in two allocations sized once per call.
+// The working arrays live in three allocations sized once per call.
 class ArcLine {
 public:
     ArcLine(const std::vector<SKesp3DPosition>& in, double chordLen, bool avx2) : in_(in.data()), avx2_(avx2) {
@@ -283,19 +286,6 @@ struct Quad {
         const __m128d d1 = _mm_add_pd(_mm_mul_pd(dy1, dy1), _mm_mul_pd(dz1, dz1));
         return bits(_mm_cmpge_pd(d0, vt), _mm_cmpge_pd(d1, vt));
     }
-    // v[j] * grow - sub < lim.
-    static unsigned scaledBelow(const double* v, int64_t j0, double grow, double sub, double lim) {
-        const __m128d g = _mm_set1_pd(grow), s = _mm_set1_pd(sub), l = _mm_set1_pd(lim);
-        const __m128d a = _mm_sub_pd(_mm_mul_pd(_mm_loadu_pd(v + j0), g), s);
-        const __m128d b = _mm_sub_pd(_mm_mul_pd(_mm_loadu_pd(v + j0 + 2), g), s);
-        return bits(_mm_cmplt_pd(a, l), _mm_cmplt_pd(b, l));
-    }
-    // from - v[j] < lim.
-    static unsigned differenceBelow(const double* v, int64_t j0, double from, double lim) {
-        const __m128d f = _mm_set1_pd(from), l = _mm_set1_pd(lim);
-        const __m128d a = _mm_sub_pd(f, _mm_loadu_pd(v + j0)), b = _mm_sub_pd(f, _mm_loadu_pd(v + j0 + 2));
-        return bits(_mm_cmplt_pd(a, l), _mm_cmplt_pd(b, l));
-    }
 #else
     static unsigned reach(const double* y, const double* z, int64_t j0, double yi, double zi, double t) {
         unsigned m = 0;
@@ -303,16 +293,6 @@ struct Quad {
             const double dy = yi - y[j0 + l], dz = zi - z[j0 + l];
             m |= static_cast<unsigned>(dy * dy + dz * dz >= t) << l;
         }
-        return m;
-    }
-    static unsigned scaledBelow(const double* v, int64_t j0, double grow, double sub, double lim) {
-        unsigned m = 0;
-        for (int l = 0; l < 4; ++l) m |= static_cast<unsigned>(v[j0 + l] * grow - sub < lim) << l;
-        return m;
-    }
-    static unsigned differenceBelow(const double* v, int64_t j0, double from, double lim) {
-        unsigned m = 0;
-        for (int l = 0; l < 4; ++l) m |= static_cast<unsigned>(from - v[j0 + l] < lim) << l;
         return m;
     }
 #endif
@@ -429,9 +409,10 @@ __attribute__((target("avx2"))) inline int64_t ArcLine::skipsFourAtATime(int64_t
 }
 #endif
 
-// The first point after i that the path bound cannot place inside the chord
-// (m when every later one is). The test is false from some point on (the
-// path is non-decreasing, NaN and +inf fail it), so a bisection finds it.
+// A point after i from which on the path bound can no longer place points
+// inside the chord (m when it places all). The bisection keeps the point
+// before lo one that passed the test; every earlier point is nearer along
+// the polyline, so all of them are inside. NaN and +inf fail the test.
 inline int64_t ArcLine::firstBeyondForward(int64_t i, double reach, double grow) {
     if (!pathKnown_) computePath();
     const double pi = path_[i];
@@ -446,8 +427,8 @@ inline int64_t ArcLine::firstBeyondForward(int64_t i, double reach, double grow)
     return lo;
 }
 
-// The first point before i from which on every point up to i is provably
-// inside the chord (i when none is).
+// A point before i from which on every point up to i is provably inside the
+// chord (i when none is proved), found the same way.
 inline int64_t ArcLine::firstInsideBackward(int64_t i, double reach, double grow) {
     if (!pathKnown_) computePath();
     const double piGrown = path_[i] * grow;
@@ -522,11 +503,11 @@ inline void ArcLine::addPoint(int64_t i, bool hasBackwardEnd, int64_t f) {
 }
 
 #if defined(__SSE2__)
-// The chord ends of the four points i0 .. i0+3 at once: for offsets o past the
-// group's skip the points i0+l +- o are tested side by side (one load per
-// offset), and each point keeps the first offset that reaches. Returns the
-// points found; offsets of the others are left alone. exhausted is set when
-// every point ran out of line.
+// The forward chord ends of the four points i0 .. i0+3 at once: for offsets o
+// past the group's skip the points i0+l+o are tested side by side (one load
+// per offset), and each point keeps the first offset that reaches. Returns
+// the points found; offsets of the others are 0. exhausted is set when every
+// point ran out of line.
 struct GroupSearch {
     __m128d yA, yB, zA, zB, t;
 
@@ -539,8 +520,8 @@ struct GroupSearch {
                           _mm_cmpge_pd(_mm_add_pd(_mm_mul_pd(dyB, dyB), _mm_mul_pd(dzB, dzB)), t));
     }
 
-    unsigned run(const double* y, const double* z, int64_t i0, int64_t dir, int64_t skip, int64_t limit,
-                 double off[4], bool& exhausted) const {
+    unsigned run(const double* y, const double* z, int64_t i0, int64_t skip, int64_t limit, double off[4],
+                 bool& exhausted) const {
         __m128d foundA = _mm_setzero_pd(), foundB = _mm_setzero_pd();
         __m128d offA = _mm_setzero_pd(), offB = _mm_setzero_pd();
         unsigned found = 0;
@@ -551,7 +532,7 @@ struct GroupSearch {
                 break;
             }
             if (o > skip + kGroupReach) break;
-            const int64_t base = i0 + dir * o;
+            const int64_t base = i0 + o;
             const __m128d dyA = _mm_sub_pd(yA, _mm_loadu_pd(y + base)), dyB = _mm_sub_pd(yB, _mm_loadu_pd(y + base + 2));
             const __m128d dzA = _mm_sub_pd(zA, _mm_loadu_pd(z + base)), dzB = _mm_sub_pd(zB, _mm_loadu_pd(z + base + 2));
             const __m128d rA = _mm_cmpge_pd(_mm_add_pd(_mm_mul_pd(dyA, dyA), _mm_mul_pd(dzA, dzA)), t);
@@ -606,7 +587,7 @@ inline void ArcLine::findChordEnds(const ChordSearch& cs) {
         double fo[4];
         bool fDone;
         // Offsets beyond the limit leave every point of the group off the line.
-        const unsigned fFound = g.run(y, z, i0, 1, skip, m - i0 - 1, fo, fDone);
+        const unsigned fFound = g.run(y, z, i0, skip, m - i0 - 1, fo, fDone);
         int64_t f[4];
         for (int64_t l = 0; l < kGroup; ++l) f[l] = (fFound >> l) & 1u ? i0 + l + static_cast<int64_t>(fo[l]) : m;
         if (!fDone && fFound != 0xFu) {
@@ -636,12 +617,11 @@ inline void ArcLine::findChordEnds(const ChordSearch& cs) {
         const __m128d keepB = _mm_castsi128_pd(_mm_set_epi64x(-static_cast<int64_t>((both >> 3) & 1u), -static_cast<int64_t>((both >> 2) & 1u)));
         _mm_storeu_pd(slope + i0, _mm_and_pd(keepA, sA));
         _mm_storeu_pd(slope + i0 + 2, _mm_and_pd(keepB, sB));
-        // The neighbour test of the four points (the padding makes it hold
-        // at the line's ends).
         // The neighbour test, extended to the points the skip places inside
-        // the chord: they lie within both searches' ranges.
-        // Always four offsets, those beyond the skip (beyond the first) masked
-        // out, so that no branch depends on the skip.
+        // the chord (they lie within both searches' ranges; the padding makes
+        // it hold at the line's ends). Always four offsets, those beyond the
+        // skip (beyond the first) masked out, so that no branch depends on
+        // the skip.
         unsigned beats = 0xFu;
         for (int64_t o = 1; o <= kMaxPretest; ++o) {
             const unsigned ignored = (o > 1 && o > skip) ? 0xFu : 0u;
@@ -662,8 +642,8 @@ inline void ArcLine::findChordEnds(const ChordSearch& cs) {
 
 #if defined(PA_ARCS_AVX2)
 // Tests points l + o (l = 0 .. 3) of yg, zg against points l: lanes that
-// reach the chord for the first time take offset o.
-// The points tested are left in yo, zo.
+// reach the chord for the first time take offset o. The points tested are
+// left in yo, zo.
 __attribute__((target("avx2"))) inline void reachAtOffset(const double* yg, const double* zg, int64_t o, const __m256d& yv,
                                                           const __m256d& zv, const __m256d& vt, __m256d& found, __m256d& off,
                                                           __m256d& yo, __m256d& zo) {
@@ -692,7 +672,8 @@ __attribute__((target("avx2"))) inline int64_t ArcLine::chordEndsFourAtATime(con
     for (; i0 + kGroup <= m; i0 += kGroup) {
         const int64_t skip = skip_[i0 >> kGroupShift];
         const __m256d yv = _mm256_loadu_pd(y + i0), zv = _mm256_loadu_pd(z + i0);
-        // Forward search, as GroupSearch::run.
+        // Forward search: offsets past the skip, the first that reaches kept
+        // per point.
         __m256d found = _mm256_setzero_pd(), off = _mm256_setzero_pd();
         unsigned fFound = 0;
         bool fDone = false;
@@ -769,10 +750,7 @@ __attribute__((target("avx2"))) inline int64_t ArcLine::chordEndsFourAtATime(con
                                _mm256_div_pd(_mm256_sub_pd(zf, zv), _mm256_andnot_pd(signMask, _mm256_sub_pd(yf, yv))));
         }
         _mm256_storeu_pd(slope + i0, sl);
-        // The neighbour test, extended to the points the skip places inside
-        // the chord: they lie within both searches' ranges.
-        // Always four offsets, those beyond the skip (beyond the first) masked
-        // out, so that no branch depends on the skip.
+        // The neighbour test as in the portable loop.
         unsigned beats = 0xFu;
         for (int64_t o = 1; o <= kMaxPretest; ++o) {
             const unsigned ignored = (o > 1 && o > skip) ? 0xFu : 0u;
