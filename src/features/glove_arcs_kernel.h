@@ -968,6 +968,7 @@ inline void detect(const std::vector<SKesp3DPosition>& linePts, int lineIdx, SHX
 /// True when the AVX2 kernels may run on this processor.
 inline bool avx2Available() {
 #if defined(PA_ARCS_AVX2)
+    __builtin_cpu_init();  // needed only before constructors run; cheap once done
     return __builtin_cpu_supports("avx2");
 #else
     return false;
