@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../../src/features/glove_arcs_kernel.h"
 #include "test_util.h"
 
 using testutil::pt;
@@ -210,6 +211,121 @@ TEST(GloveArcs, MatchesPlainDefinitionOnRandomProfiles) {
             EXPECT_EQ(got[i].featurePos.y, want[i].featurePos.y);
             // Identical, not merely close.
             EXPECT_EQ(got[i].featureValue, want[i].featureValue) << "trial " << trial;
+        }
+    }
+}
+
+namespace {
+
+// Stress profiles for the chord-end search: long lines (the points are
+// searched in groups of four and skip ahead by the local step size), with
+// duplicate points, vertical walls, plateaus of equal z, sparse stretches,
+// invalid points and, on request, NaN and infinite coordinates.
+std::vector<SKesp3DPosition> stressProfile(testutil::Rng& rng, int n, bool oddValues) {
+    std::vector<SKesp3DPosition> v;
+    double y = rng.uniform(-5.0, 5.0), z = 10.0;
+    for (int i = 0; i < n; ++i) {
+        switch (rng.integer(0, 9)) {
+            case 0: break;                                      // duplicate of the previous point
+            case 1: z += rng.uniform(-1.5, 1.5); break;         // vertical wall
+            case 2: y += rng.uniform(0.05, 0.15); break;        // plateau of equal z
+            case 3: y += rng.uniform(0.5, 3.0); break;          // sparse stretch
+            default:
+                y += rng.uniform(0.05, 0.15);
+                z += rng.uniform(-0.02, 0.02);
+        }
+        double zi = z;
+        if (rng.integer(0, 19) == 0) zi = rng.integer(0, 1) ? 0.0 : 0.0001;  // invalid
+        SKesp3DPosition p = pt(i, y, zi, -1);
+        if (oddValues && rng.integer(0, 29) == 0) {
+            switch (rng.integer(0, 3)) {
+                case 0: p.y = std::numeric_limits<double>::quiet_NaN(); break;
+                case 1: p.z = std::numeric_limits<double>::quiet_NaN(); break;
+                case 2: p.z = std::numeric_limits<double>::infinity(); break;
+                default: p.y = std::numeric_limits<double>::infinity(); break;
+            }
+        }
+        v.push_back(p);
+    }
+    return v;
+}
+
+void expectSameArcs(const std::vector<SKesp3DPosition>& v, SHX_gloveArcParam prm, int trial) {
+    const auto want = plainGloveArcs(v, trial, prm);
+    const auto got = arcs(v, prm, trial);
+    ASSERT_EQ(got.size(), want.size()) << "trial " << trial << " chord " << prm.chordLen;
+    for (size_t i = 0; i < got.size(); ++i) {
+        EXPECT_EQ(got[i].featurePos.nPointIdx, want[i].featurePos.nPointIdx) << "trial " << trial;
+        EXPECT_EQ(got[i].featureValue, want[i].featureValue) << "trial " << trial;
+    }
+}
+
+}  // namespace
+
+TEST(GloveArcs, MatchesPlainDefinitionOnStressProfiles) {
+    testutil::Rng rng(77);
+    // Chords from none at all to longer than the line, so that the search
+    // ends on the first point tested, after many, or never on one side.
+    const double chords[] = {0.0, 0.05, 0.3, 0.5, 1.0, 2.5, 6.0, 40.0, 1e9, -1.0};
+    for (int trial = 0; trial < 300; ++trial) {
+        const int n = static_cast<int>(rng.integer(10, 400));
+        const auto v = stressProfile(rng, n, trial % 3 == 0);
+        const double chord = chords[trial % 10];
+        expectSameArcs(v, arcParam(chord, rng.uniform(0.0, 4.0), rng.uniform(-30.0, 120.0)), trial);
+        // Every candidate reported: the candidate test alone decides.
+        expectSameArcs(v, arcParam(chord, rng.uniform(0.0, 4.0), -1e9), trial);
+    }
+}
+
+TEST(GloveArcs, MatchesPlainDefinitionOnEvenNoisyFloors) {
+    // The benchmark's shape: an even pitch with noise, where the chord end is
+    // the fifth or sixth point and the skip carries most of the way, broken
+    // by walls that shorten the skip nearby.
+    testutil::Rng rng(5);
+    for (int trial = 0; trial < 60; ++trial) {
+        std::vector<SKesp3DPosition> v;
+        const double pitch = rng.uniform(0.02, 0.2);
+        for (int i = 0; i < 500; ++i) {
+            double z = 20.0 + rng.uniform(-0.005, 0.005);
+            if (i % 97 > 60) z += 5.0;
+            v.push_back(pt(0, i * pitch, z, -1));
+            if (i % 97 == 60)
+                for (int k = 1; k < 5; ++k) v.push_back(pt(0, i * pitch, 20.0 + k, -1));
+        }
+        expectSameArcs(v, arcParam(rng.uniform(0.1, 1.5), rng.uniform(0.2, 2.0), rng.uniform(-5.0, 40.0)), trial);
+    }
+}
+
+TEST(GloveArcs, OddParametersMatchThePlainDefinition) {
+    testutil::Rng rng(9);
+    const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
+    const SHX_gloveArcParam odd[] = {arcParam(nan, 1.0, 10.0), arcParam(inf, 1.0, -1e9), arcParam(0.5, nan, -1e9),
+                                     arcParam(0.5, inf, -1e9), arcParam(0.5, 1.0, nan), arcParam(0.5, -1.0, -inf),
+                                     arcParam(4.9e-324, 1.0, -1e9)};
+    for (int trial = 0; trial < 40; ++trial) {
+        const auto v = stressProfile(rng, static_cast<int>(rng.integer(10, 200)), trial % 2 == 0);
+        for (const auto& prm : odd) expectSameArcs(v, prm, trial);
+    }
+}
+
+TEST(GloveArcs, PortableAndAvx2KernelsMatchThePlainDefinition) {
+    // The exported routine takes the AVX2 kernels where the processor has
+    // them; here both kernels run on the same lines, whatever the processor.
+    testutil::Rng rng(31);
+    const bool avx2 = pa_detail::glove_arcs::avx2Available();
+    const double chords[] = {0.0, 0.3, 0.5, 2.5, 40.0, 1e9};
+    for (int trial = 0; trial < 200; ++trial) {
+        const auto v = stressProfile(rng, static_cast<int>(rng.integer(10, 300)), trial % 3 == 0);
+        const SHX_gloveArcParam prm = arcParam(chords[trial % 6], rng.uniform(0.0, 4.0), rng.uniform(-30.0, 60.0));
+        const auto want = plainGloveArcs(v, trial, prm);
+        for (int useAvx2 = 0; useAvx2 <= (avx2 ? 1 : 0); ++useAvx2) {
+            std::vector<SHX_basicFeature1D> got;
+            pa_detail::glove_arcs::detect(v, trial, prm, got, useAvx2 == 1);
+            ASSERT_EQ(got.size(), want.size()) << "trial " << trial << " avx2 " << useAvx2;
+            for (size_t i = 0; i < got.size(); ++i) {
+                EXPECT_EQ(got[i].featurePos.nPointIdx, want[i].featurePos.nPointIdx);
+                EXPECT_EQ(got[i].featureValue, want[i].featureValue);
+            }
         }
     }
 }
