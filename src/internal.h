@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -41,7 +42,22 @@ inline void growRange(SKespRangeD& r, double v) {
 /// The value of pi the angle-based detectors (corners, jumps, glove arcs) use
 /// on purpose, and their conversion: angle * 180 / pi, evaluated in that order.
 constexpr double kPiLiteral = 3.141592654;
+/// pi / 2 to double precision (the range of the arc tangent).
+constexpr double kHalfPi = 1.57079632679489661923;
 inline double radToDegLiteral(double radians) { return radians * 180.0 / kPiLiteral; }
+
+/// Smallest squared distance d2 with sqrt(d2) >= len, so that a distance test
+/// against an arm or chord length needs no square root and decides exactly as
+/// the rooted comparison does. A NaN length gives NaN (no distance reaches
+/// it); a length <= 0 gives 0 (every distance reaches it).
+inline double squaredReachThreshold(double len) {
+    if (std::isnan(len)) return len;
+    if (!(len > 0.0)) return 0.0;
+    double t = len * len;
+    while (t > 0.0 && std::sqrt(std::nextafter(t, 0.0)) >= len) t = std::nextafter(t, 0.0);
+    while (std::sqrt(t) < len) t = std::nextafter(t, std::numeric_limits<double>::infinity());
+    return t;
+}
 
 // ---------------------------------------------------------------------------
 // Tree growing

@@ -21,7 +21,6 @@ namespace pa_detail {
 
 namespace {
 
-constexpr double kHalfPi = 1.57079632679489661923;
 // The exact angles convert with the literal pi; the approximation converts the
 // same way so that it approximates exactly those values.
 constexpr double kDegPerRad = 180.0 / kPiLiteral;
@@ -73,16 +72,6 @@ inline cv::v_float64x2 approxChordAngle2(const cv::v_float64x2& dz, const cv::v_
 
 inline double exactChordAngle(double dz, double dy) { return radToDegLiteral(std::atan(dz / std::fabs(dy))); }
 
-// Smallest squared distance d2 with sqrt(d2) >= armLen, so that the arm test
-// needs no square root and decides exactly as the square-root form does.
-double armThreshold(double armLen) {
-    if (std::isnan(armLen)) return armLen;  // no distance reaches a NaN arm
-    if (!(armLen > 0.0)) return 0.0;        // every distance reaches it
-    double t = armLen * armLen;
-    while (t > 0.0 && std::sqrt(std::nextafter(t, 0.0)) >= armLen) t = std::nextafter(t, 0.0);
-    while (std::sqrt(t) < armLen) t = std::nextafter(t, std::numeric_limits<double>::infinity());
-    return t;
-}
 
 
 // Copies the valid points' input index, y and z to the front of idx, y and z
@@ -217,7 +206,7 @@ void CornerAngleList::build(const SKesp3DPosition* points, int32_t count, double
 // tested nearly always reaches.
 void CornerAngleList::findNeighbours(double armLen) {
     const int32_t m = m_;
-    const double t = armThreshold(armLen);
+    const double t = squaredReachThreshold(armLen);
     // The skip needs a margin for the rounding of the path sums and of the
     // distance; without a finite path it is switched off.
     const double total = path_[m - 1];

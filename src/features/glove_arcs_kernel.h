@@ -46,7 +46,6 @@ namespace glove_arcs {
 
 constexpr int32_t kGloveArcType = 13;
 constexpr size_t kMinLinePoints = 10;
-constexpr double kHalfPi = 1.57079632679489661923;
 constexpr double kEps = std::numeric_limits<double>::epsilon();
 // The path skip treats points as inside the chord only while their polyline
 // distance is below chordLen shortened by this fraction: far more than the
@@ -77,21 +76,10 @@ constexpr double kStepSlack = 1e-9;
 // within a chord).
 constexpr int64_t kPad = 16;
 
-// Smallest squared distance d2 with sqrt(d2) >= chordLen, so that the chord
-// test needs no square root and decides exactly as the rooted form does.
-inline double chordThreshold(double chordLen) {
-    if (std::isnan(chordLen)) return chordLen;  // no distance reaches a NaN chord
-    if (!(chordLen > 0.0)) return 0.0;          // every distance reaches it
-    double t = chordLen * chordLen;
-    while (t > 0.0 && std::sqrt(std::nextafter(t, 0.0)) >= chordLen) t = std::nextafter(t, 0.0);
-    while (std::sqrt(t) < chordLen) t = std::nextafter(t, std::numeric_limits<double>::infinity());
-    return t;
-}
-
 // The chord test and the bounds of the searches for one line.
 struct ChordSearch {
     ChordSearch(double chordLen, int64_t m)
-        : t(chordThreshold(chordLen)),
+        : t(squaredReachThreshold(chordLen)),
           reach(chordLen * (1.0 - kChordSlack)),
           grow(1.0 + 2.0 * static_cast<double>(m + 8) * kEps) {}
     double t;      // squared distances >= t reach the chord
