@@ -157,6 +157,12 @@ public:
         base[2 * stride_] = p.y;
         base[4 * stride_] = p.z;
     }
+    /// Copies the points of list entries [from, to). Kept out of line: it runs
+    /// once per chunk, and inlined it would crowd the scanning loop's registers.
+    __attribute__((noinline)) void copyFrom(const SKesp3DPosition* points, size_t from, size_t to) {
+        const int32_t* order = order_.get();
+        for (size_t k = from; k < to; ++k) copy(k, points[order[k]]);
+    }
     /// Zeros the padding after the first m entries of a parity.
     void padAfter(size_t parity, size_t m) {
         for (size_t f = 1; f < 3; ++f) std::fill(field(f, parity) + m, field(f, parity) + m + kNeighbours, 0.0);
@@ -180,7 +186,8 @@ __attribute__((target("avx2"))) size_t scanCandidatesAvx2(SKesp3DPosition* point
     // in the first-level cache.
     size_t copied = 0;
     const auto copyFound = [&] {
-        for (; copied < n; ++copied) store.copy(copied, points[order[copied]]);
+        store.copyFrom(points, copied, n);
+        copied = n;
     };
     int32_t prev = 0;
     double prevV = 0.0;
