@@ -143,11 +143,14 @@ public:
     explicit CandidateStore(int32_t count)
         : perKind_(static_cast<size_t>(count) / 2 + 2),
           stride_(perKind_ + 2 * kNeighbours),
-          order_(new int32_t[static_cast<size_t>(count) + 2 * kBlock]),
+          listSize_(static_cast<size_t>(count) + 2 * kBlock),
+          order_(new int32_t[listSize_ + perKind_]),
           values_(new double[6 * stride_]) {
         for (size_t a = 0; a < 6; ++a) std::fill(values_.get() + a * stride_, values_.get() + a * stride_ + kNeighbours, 0.0);
     }
     int32_t* order() { return order_.get(); }
+    /// Room for the survivors of one kind.
+    int32_t* keep() { return order_.get() + listSize_; }
     /// Field f (0 x, 1 y, 2 z) of the entries of parity `parity`.
     double* field(size_t f, size_t parity) { return values_.get() + (2 * f + parity) * stride_ + kNeighbours; }
     /// Entry k of the list: its fields go to slot k / 2 of its parity.
@@ -171,6 +174,7 @@ public:
 private:
     size_t perKind_;
     size_t stride_;
+    size_t listSize_;
     std::unique_ptr<int32_t[]> order_;
     std::unique_ptr<double[]> values_;
 };
@@ -343,8 +347,9 @@ __attribute__((target("avx2"))) inline bool rejectedAvx2(const double* y, const 
 // `parity` in the list; the survivors are appended to out.
 template <bool kPeak>
 __attribute__((target("avx2"))) void suppressAvx2(CandidateStore& store, size_t parity, size_t m, double peakRangeY,
-                                                  int32_t type, int32_t lineIdx, int32_t* keep,
+                                                  int32_t type, int32_t lineIdx,
                                                   std::vector<SHX_basicFeature1D>& out) {
+    int32_t* keep = store.keep();
     store.padAfter(parity, m);
     const double* x = store.field(0, parity);
     const double* y = store.field(1, parity);
@@ -379,10 +384,8 @@ __attribute__((target("avx2"))) void localPeaksKernelAvx2(SKesp3DPosition* point
     if (found == 0) return;
     const size_t evens = (found + 1) / 2, odds = found / 2;
     const size_t peakParity = firstIsPeak ? 0 : 1;
-    std::unique_ptr<int32_t[]> keep(new int32_t[evens]);
-    suppressAvx2<false>(store, 1 - peakParity, peakParity ? evens : odds, peakRangeY, kTypeValley, lineIdx, keep.get(),
-                        valleys);
-    suppressAvx2<true>(store, peakParity, peakParity ? odds : evens, peakRangeY, kTypePeak, lineIdx, keep.get(), peaks);
+    suppressAvx2<false>(store, 1 - peakParity, peakParity ? evens : odds, peakRangeY, kTypeValley, lineIdx, valleys);
+    suppressAvx2<true>(store, peakParity, peakParity ? odds : evens, peakRangeY, kTypePeak, lineIdx, peaks);
 }
 
 bool haveAvx2() {
