@@ -6,12 +6,17 @@
 
 // The local-peaks kernel has a wide-vector variant, chosen at run time on
 // processors that have AVX2; other compilers and processors use the portable
-// kernel. Both give identical results.
+// kernel. Both give identical results. (Building with PA_LOCAL_PEAKS_AVX2=0
+// defined leaves out the wide variant, to test the portable kernel.)
+#ifndef PA_LOCAL_PEAKS_AVX2
 #if (defined(__GNUC__) || defined(__clang__)) && (defined(__x86_64__) || defined(__i386__))
 #define PA_LOCAL_PEAKS_AVX2 1
-#include <immintrin.h>
 #else
 #define PA_LOCAL_PEAKS_AVX2 0
+#endif
+#endif
+#if PA_LOCAL_PEAKS_AVX2
+#include <immintrin.h>
 #endif
 
 using pa_detail::isValidZ;
