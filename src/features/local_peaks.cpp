@@ -299,6 +299,39 @@ __attribute__((target("avx2"))) size_t scanCandidatesAvx2(SKesp3DPosition* point
     return n;
 }
 
+// The verdict on the four lanes of one side of a candidate, indexed by the
+// mask of lanes out of range plus the mask of rejecting lanes shifted by 4:
+// kSideRejects when a lane nearer than every lane out of range rejects,
+// kSideOpen when no lane is out of range (the scan must go on). Backward lane
+// 3 and forward lane 0 are the nearest.
+constexpr unsigned kSideRejects = 1, kSideOpen = 2;
+
+struct SideTables {
+    uint8_t backward[256];
+    uint8_t forward[256];
+};
+
+constexpr uint8_t sideVerdict(unsigned out, unsigned rejects, bool backward) {
+    unsigned verdict = out == 0 ? kSideOpen : 0;
+    for (unsigned step = 0; step < kNeighbours; ++step) {
+        const unsigned lane = backward ? 3 - step : step;
+        if ((out >> lane) & 1u) break;
+        if ((rejects >> lane) & 1u) verdict |= kSideRejects;
+    }
+    return static_cast<uint8_t>(verdict);
+}
+
+constexpr SideTables makeSideTables() {
+    SideTables t{};
+    for (unsigned i = 0; i < 256; ++i) {
+        t.backward[i] = sideVerdict(i & 0xFu, i >> 4, true);
+        t.forward[i] = sideVerdict(i & 0xFu, i >> 4, false);
+    }
+    return t;
+}
+
+constexpr SideTables kSideTables = makeSideTables();
+
 // Whether candidate k of m (y and v padded with kNeighbours zeros on both
 // sides) is rejected by a neighbour within range: a higher one for peaks, a
 // lower one for valleys. The four nearest on either side are tested at once;
@@ -322,13 +355,9 @@ __attribute__((target("avx2"))) inline bool rejectedAvx2(const double* y, const 
     const size_t after = m - 1 - k;
     outB |= 0xFu >> std::min(k, kNeighbours);
     outF |= (0xFu << std::min(after, kNeighbours)) & 0xFu;
-    unsigned outOrCloser = outB | (outB >> 1);  // backward: lanes at or below the nearest out of range
-    outOrCloser |= outOrCloser >> 2;
-    const unsigned inB = ~outOrCloser & 0xFu;
-    const unsigned inF = ((outF & (0u - outF)) - 1u) & 0xFu;
-    const bool rejected = ((rejB & inB) | (rejF & inF)) != 0;
-    // Bitwise rather than logical operators: one branch, rarely taken.
-    if (!((!rejected) & ((outB == 0) | (outF == 0)))) return rejected;
+    const unsigned verdict =
+        kSideTables.backward[outB | (rejB << 4)] | kSideTables.forward[outF | (rejF << 4)];
+    if (verdict != kSideOpen) return (verdict & kSideRejects) != 0;
     const double ykk = y[k], vkk = v[k];
     const auto rejects = [vkk](double vj) { return kPeak ? vj > vkk : vkk > vj; };
     if (outB == 0) {
