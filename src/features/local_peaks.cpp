@@ -148,19 +148,30 @@ public:
     explicit CandidateStore(int32_t count)
         : perKind_(static_cast<size_t>(count) / 2 + 2),
           stride_(perKind_ + 2 * kNeighbours),
-          listSize_(static_cast<size_t>(count) + 2 * kBlock),
-          order_(new int32_t[listSize_ + perKind_]),
-          values_(new double[6 * stride_]) {
-        for (size_t a = 0; a < 6; ++a) std::fill(values_.get() + a * stride_, values_.get() + a * stride_ + kNeighbours, 0.0);
+          listSize_(static_cast<size_t>(count) + 2 * kBlock) {
+        // Short lines (the runs of the semicircle detector) need no allocation.
+        if (count <= kSmallCount) {
+            order_ = smallOrder_;
+            values_ = smallValues_;
+        } else {
+            heapOrder_.reset(new int32_t[listSize_ + perKind_]);
+            heapValues_.reset(new double[6 * stride_]);
+            order_ = heapOrder_.get();
+            values_ = heapValues_.get();
+        }
+        for (size_t a = 0; a < 6; ++a) std::fill(values_ + a * stride_, values_ + a * stride_ + kNeighbours, 0.0);
     }
-    int32_t* order() { return order_.get(); }
+    CandidateStore(const CandidateStore&) = delete;
+    CandidateStore& operator=(const CandidateStore&) = delete;
+
+    int32_t* order() { return order_; }
     /// Room for the survivors of one kind.
-    int32_t* keep() { return order_.get() + listSize_; }
+    int32_t* keep() { return order_ + listSize_; }
     /// Field f (0 x, 1 y, 2 z) of the entries of parity `parity`.
-    double* field(size_t f, size_t parity) { return values_.get() + (2 * f + parity) * stride_ + kNeighbours; }
+    double* field(size_t f, size_t parity) { return values_ + (2 * f + parity) * stride_ + kNeighbours; }
     /// Entry k of the list: its fields go to slot k / 2 of its parity.
     void copy(size_t k, const SKesp3DPosition& p) {
-        double* base = values_.get() + (k & 1) * stride_ + kNeighbours + (k >> 1);
+        double* base = values_ + (k & 1) * stride_ + kNeighbours + (k >> 1);
         base[0] = p.x;
         base[2 * stride_] = p.y;
         base[4 * stride_] = p.z;
@@ -168,8 +179,7 @@ public:
     /// Copies the points of list entries [from, to). Kept out of line: it runs
     /// once per chunk, and inlined it would crowd the scanning loop's registers.
     __attribute__((noinline)) void copyFrom(const SKesp3DPosition* points, size_t from, size_t to) {
-        const int32_t* order = order_.get();
-        for (size_t k = from; k < to; ++k) copy(k, points[order[k]]);
+        for (size_t k = from; k < to; ++k) copy(k, points[order_[k]]);
     }
     /// Zeros the padding after the first m entries of a parity.
     void padAfter(size_t parity, size_t m) {
@@ -177,11 +187,18 @@ public:
     }
 
 private:
+    static constexpr int32_t kSmallCount = 128;
+    static constexpr size_t kSmallStride = kSmallCount / 2 + 2 + 2 * kNeighbours;
+
     size_t perKind_;
     size_t stride_;
     size_t listSize_;
-    std::unique_ptr<int32_t[]> order_;
-    std::unique_ptr<double[]> values_;
+    int32_t* order_ = nullptr;
+    double* values_ = nullptr;
+    std::unique_ptr<int32_t[]> heapOrder_;
+    std::unique_ptr<double[]> heapValues_;
+    int32_t smallOrder_[kSmallCount + 2 * kBlock + kSmallCount / 2 + 2];
+    double smallValues_[6 * kSmallStride];
 };
 
 // Candidate scan: the candidates' indices go to store.order() in line order,
