@@ -9,7 +9,7 @@
 // kernel. Both give identical results. (Building with PA_LOCAL_PEAKS_AVX2=0
 // defined leaves out the wide variant, to test the portable kernel.)
 #ifndef PA_LOCAL_PEAKS_AVX2
-#if (defined(__GNUC__) || defined(__clang__)) && (defined(__x86_64__) || defined(__i386__))
+#if (defined(__GNUC__) || defined(__clang__)) && defined(__x86_64__)
 #define PA_LOCAL_PEAKS_AVX2 1
 #else
 #define PA_LOCAL_PEAKS_AVX2 0
@@ -77,10 +77,11 @@ void localPeaksKernel(SKesp3DPosition* points, int32_t pointCount, int32_t lineI
 // all valid and already numbered (the usual case: gaps are rare and a line
 // keeps its numbers from one call to the next) is settled from two bit masks,
 // the up and down changes of its eight points, without a branch on the data;
-// any other block goes point by point. The candidates' x, y and z are then
-// copied into short arrays per kind, and each candidate is compared with its
-// four nearest neighbours on either side at once, the scan continuing point
-// by point only where all four are still within range.
+// any other block goes point by point. Every few hundred points the x, y and
+// z of the candidates found are copied into short arrays per kind, while their
+// points are still in the first-level cache. Each candidate is then compared
+// with its four nearest neighbours on either side at once, the scan going on
+// one neighbour at a time only where all four are within range.
 // ---------------------------------------------------------------------------
 
 static_assert(sizeof(SKesp3DPosition) == 4 * sizeof(double) && offsetof(SKesp3DPosition, nPointIdx) == 0 &&
@@ -89,8 +90,8 @@ static_assert(sizeof(SKesp3DPosition) == 4 * sizeof(double) && offsetof(SKesp3DP
 
 constexpr int32_t kBlock = 8;
 constexpr unsigned kBlockMask = (1u << kBlock) - 1;
-constexpr size_t kNeighbours = 4;
-constexpr int32_t kChunk = 256;  // points scanned between two copies of the candidates found  // compared at once on either side of a candidate
+constexpr size_t kNeighbours = 4;  // compared at once on either side of a candidate
+constexpr int32_t kChunk = 256;    // points scanned between two copies of the candidates found
 
 // For each 8-bit mask: the positions of its set bits in order, one byte each,
 // and how many there are.
@@ -298,11 +299,12 @@ __attribute__((target("avx2"))) size_t scanCandidatesAvx2(SKesp3DPosition* point
         // The candidate before position t is point i + t - 1, or prev for t
         // = 0 (prev lies further back when the block follows a gap). All
         // eight slots are written; the count advances by the number of turns.
-        const uint64_t positions = kBlockTables.positions[turns];
-        const __m256i found = _mm256_add_epi32(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<int64_t>(positions))),
-                                               _mm256_set1_epi32(i - 1));
+        const uint64_t* positions = &kBlockTables.positions[turns];
+        const __m256i found =
+            _mm256_add_epi32(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(positions))),
+                             _mm256_set1_epi32(i - 1));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(order + n), found);
-        order[n] = (turns & 1u) ? prev : i - 1 + static_cast<int32_t>(positions & 0xFFu);
+        order[n] = (turns & 1u) ? prev : i - 1 + static_cast<int32_t>(*positions & 0xFFu);
         n += kBlockTables.counts[turns];
         prev = i + kBlock - 1;
         prevV = _mm256_cvtsd_f64(_mm256_permute4x64_pd(z1, 0xFF));
