@@ -1,5 +1,23 @@
 // Local z maxima and minima of a profile, and upward jumps between valid points.
+#include <algorithm>
+#include <cstddef>
+
 #include "internal.h"
+
+// The local-peaks kernel has a wide-vector variant, chosen at run time on
+// processors that have AVX2; other compilers and processors use the portable
+// kernel. Both give identical results. (Building with PA_LOCAL_PEAKS_AVX2=0
+// defined leaves out the wide variant, to test the portable kernel.)
+#ifndef PA_LOCAL_PEAKS_AVX2
+#if (defined(__GNUC__) || defined(__clang__)) && defined(__x86_64__)
+#define PA_LOCAL_PEAKS_AVX2 1
+#else
+#define PA_LOCAL_PEAKS_AVX2 0
+#endif
+#endif
+#if PA_LOCAL_PEAKS_AVX2
+#include <immintrin.h>
+#endif
 
 using pa_detail::isValidZ;
 
@@ -50,6 +68,389 @@ void localPeaksKernel(SKesp3DPosition* points, int32_t pointCount, int32_t lineI
     suppress(cands.firstPeakPos(), cands.peakCount(), [](double vk, double vj) { return vj > vk; }, kTypePeak, peaks);
 }
 
+#if PA_LOCAL_PEAKS_AVX2
+
+// ---------------------------------------------------------------------------
+// AVX2 kernel
+//
+// The scan takes the line in blocks of eight points. A block whose points are
+// all valid and already numbered (the usual case: gaps are rare and a line
+// keeps its numbers from one call to the next) is settled from two bit masks,
+// the up and down changes of its eight points, without a branch on the data;
+// any other block goes point by point. Every few hundred points the x, y and
+// z of the candidates found are copied into short arrays per kind, while their
+// points are still in the first-level cache. Each candidate is then compared
+// with its four nearest neighbours on either side at once, the scan going on
+// one neighbour at a time only where all four are within range.
+// ---------------------------------------------------------------------------
+
+static_assert(sizeof(SKesp3DPosition) == 4 * sizeof(double) && offsetof(SKesp3DPosition, nPointIdx) == 0 &&
+                  offsetof(SKesp3DPosition, z) == 3 * sizeof(double),
+              "the block loads take a point as {nPointIdx, x, y, z} in 32 bytes");
+
+constexpr int32_t kBlock = 8;
+constexpr unsigned kBlockMask = (1u << kBlock) - 1;
+constexpr size_t kNeighbours = 4;  // compared at once on either side of a candidate
+constexpr int32_t kChunk = 256;    // points scanned between two copies of the candidates found
+
+// For each 8-bit mask: the positions of its set bits in order, one byte each,
+// and how many there are.
+struct BlockTables {
+    uint64_t positions[256];
+    uint8_t counts[256];
+};
+
+constexpr BlockTables makeBlockTables() {
+    BlockTables t{};
+    for (unsigned m = 0; m < 256; ++m) {
+        unsigned c = 0;
+        for (unsigned b = 0; b < 8; ++b) {
+            if ((m >> b) & 1u) {
+                t.positions[m] |= uint64_t(b) << (8 * c);
+                ++c;
+            }
+        }
+        t.counts[m] = static_cast<uint8_t>(c);
+    }
+    return t;
+}
+
+constexpr BlockTables kBlockTables = makeBlockTables();
+
+// Candidates of a block of valid points from its change masks: bit t of up
+// (down) is set when point t of the block is above (below) the point before
+// it. `rising` is the trend coming in and, on return, going out. Returns the
+// mask of positions t whose change turns the trend: the point before t is
+// then a candidate (a peak when the change is down, a valley when up).
+//
+// Bit 0 of the shifted masks stands for the incoming trend, as if it were a
+// change just before the block. The first non-zero change after a down change
+// at p is found by adding 1 at p + 1 to the mask of zero changes: the carry
+// runs through the zeros and stops on it. A virtual non-zero change after the
+// block catches the carry of the last one, which gives the outgoing trend.
+inline unsigned blockCandidates(unsigned up, unsigned down, unsigned& rising) {
+    const unsigned nonZero = ((up | down) << 1) | 1u;
+    const unsigned upV = (up << 1) | rising;
+    const unsigned downV = (down << 1) | (rising ^ 1u);
+    const unsigned zeros = ~nonZero & 0x1FFu;
+    const unsigned stops = nonZero | 0x200u;
+    const unsigned afterDown = (zeros + (downV << 1)) & stops;
+    const unsigned afterUp = (zeros + (upV << 1)) & stops;
+    rising = afterUp >> 9;
+    return (((afterDown & upV) | (afterUp & downV)) >> 1) & kBlockMask;
+}
+
+// Working storage of the AVX2 kernel: the candidates' indices in line order
+// as the scan finds them (peaks and valleys alternate), and their x, y and z,
+// the even and the odd entries of the list apart (one kind each), each array
+// padded with kNeighbours zeros on either side for the neighbour loads.
+class CandidateStore {
+public:
+    explicit CandidateStore(int32_t count)
+        : perKind_(static_cast<size_t>(count) / 2 + 2),
+          stride_(perKind_ + 2 * kNeighbours),
+          listSize_(static_cast<size_t>(count) + 2 * kBlock) {
+        // Short lines (the runs of the semicircle detector) need no allocation.
+        if (count <= kSmallCount) {
+            order_ = smallOrder_;
+            values_ = smallValues_;
+        } else {
+            heapOrder_.reset(new int32_t[listSize_ + perKind_]);
+            heapValues_.reset(new double[6 * stride_]);
+            order_ = heapOrder_.get();
+            values_ = heapValues_.get();
+        }
+        for (size_t a = 0; a < 6; ++a) std::fill(values_ + a * stride_, values_ + a * stride_ + kNeighbours, 0.0);
+    }
+    CandidateStore(const CandidateStore&) = delete;
+    CandidateStore& operator=(const CandidateStore&) = delete;
+
+    int32_t* order() { return order_; }
+    /// Room for the survivors of one kind.
+    int32_t* keep() { return order_ + listSize_; }
+    /// Field f (0 x, 1 y, 2 z) of the entries of parity `parity`.
+    double* field(size_t f, size_t parity) { return values_ + (2 * f + parity) * stride_ + kNeighbours; }
+    /// Entry k of the list: its fields go to slot k / 2 of its parity.
+    void copy(size_t k, const SKesp3DPosition& p) {
+        double* base = values_ + (k & 1) * stride_ + kNeighbours + (k >> 1);
+        base[0] = p.x;
+        base[2 * stride_] = p.y;
+        base[4 * stride_] = p.z;
+    }
+    /// Copies the points of list entries [from, to). Kept out of line: it runs
+    /// once per chunk, and inlined it would crowd the scanning loop's registers.
+    __attribute__((noinline)) void copyFrom(const SKesp3DPosition* points, size_t from, size_t to) {
+        for (size_t k = from; k < to; ++k) copy(k, points[order_[k]]);
+    }
+    /// Zeros the padding after the first m entries of a parity.
+    void padAfter(size_t parity, size_t m) {
+        for (size_t f = 1; f < 3; ++f) std::fill(field(f, parity) + m, field(f, parity) + m + kNeighbours, 0.0);
+    }
+
+private:
+    static constexpr int32_t kSmallCount = 128;
+    static constexpr size_t kSmallStride = kSmallCount / 2 + 2 + 2 * kNeighbours;
+
+    size_t perKind_;
+    size_t stride_;
+    size_t listSize_;
+    int32_t* order_ = nullptr;
+    double* values_ = nullptr;
+    std::unique_ptr<int32_t[]> heapOrder_;
+    std::unique_ptr<double[]> heapValues_;
+    int32_t smallOrder_[kSmallCount + 2 * kBlock + kSmallCount / 2 + 2];
+    double smallValues_[6 * kSmallStride];
+};
+
+// Candidate scan: the candidates' indices go to store.order() in line order,
+// their coordinates into the store. Returns their number; firstIsPeak tells
+// the kind of the first.
+__attribute__((target("avx2"))) size_t scanCandidatesAvx2(SKesp3DPosition* points, int32_t count,
+                                                          CandidateStore& store, bool& firstIsPeak) {
+    int32_t* const order = store.order();
+    size_t n = 0;
+    // The candidates are copied chunk by chunk, while their points are still
+    // in the first-level cache.
+    size_t copied = 0;
+    const auto copyFound = [&] {
+        store.copyFrom(points, copied, n);
+        copied = n;
+    };
+    int32_t prev = 0;
+    double prevV = 0.0;
+    int trend = 0;
+    int32_t i = 0;
+    for (; i < count; ++i) {
+        setPointIndex(points[i], i);
+        if (isValidZ(points[i].z)) {
+            prev = i;
+            prevV = points[i].z;
+            ++i;
+            break;
+        }
+    }
+    for (; i < count; ++i) {
+        setPointIndex(points[i], i);
+        if (isValidZ(points[i].z)) {
+            const double d = points[i].z - prevV;
+            prev = i;
+            prevV = points[i].z;
+            trend = (d > 0) - (d < 0);
+            if (trend != 0) {
+                ++i;
+                break;
+            }
+        }
+    }
+    firstIsPeak = trend > 0;
+    unsigned rising = firstIsPeak ? 1u : 0u;
+    // One point at a time (as the portable scanner): the previous index goes
+    // into the next free slot every time, the count advances on a turn.
+    const auto step = [&](int32_t k) {
+        const double v = points[k].z;
+        const double d = v - prevV;
+        const unsigned up = d > 0, down = d < 0;
+        const unsigned next = (up | down) ? up : rising;
+        order[n] = prev;
+        n += next ^ rising;
+        rising = next;
+        prev = k;
+        prevV = v;
+    };
+    const __m256d validZ = _mm256_set1_pd(pa_detail::kValidZ);
+    const __m256i lanes = _mm256_setr_epi64x(0, 1, 2, 3);
+    for (int32_t chunkEnd = i; i + kBlock <= count; i += kBlock) {
+        if (i >= chunkEnd) {
+            copyFound();
+            chunkEnd = i + kChunk;
+        }
+        const double* p = reinterpret_cast<const double*>(points + i);
+        const __m256d p0 = _mm256_loadu_pd(p), p1 = _mm256_loadu_pd(p + 4), p2 = _mm256_loadu_pd(p + 8),
+                      p3 = _mm256_loadu_pd(p + 12), p4 = _mm256_loadu_pd(p + 16), p5 = _mm256_loadu_pd(p + 20),
+                      p6 = _mm256_loadu_pd(p + 24), p7 = _mm256_loadu_pd(p + 28);
+        // z of points 0-3 and 4-7, and their nPointIdx.
+        const __m256d z0 = _mm256_permute2f128_pd(_mm256_unpackhi_pd(p0, p1), _mm256_unpackhi_pd(p2, p3), 0x31);
+        const __m256d z1 = _mm256_permute2f128_pd(_mm256_unpackhi_pd(p4, p5), _mm256_unpackhi_pd(p6, p7), 0x31);
+        const __m256i idx0 =
+            _mm256_castpd_si256(_mm256_permute2f128_pd(_mm256_unpacklo_pd(p0, p1), _mm256_unpacklo_pd(p2, p3), 0x20));
+        const __m256i idx1 =
+            _mm256_castpd_si256(_mm256_permute2f128_pd(_mm256_unpacklo_pd(p4, p5), _mm256_unpacklo_pd(p6, p7), 0x20));
+        const __m256i want0 = _mm256_add_epi64(_mm256_set1_epi64x(i), lanes);
+        const __m256i want1 = _mm256_add_epi64(want0, _mm256_set1_epi64x(4));
+        const __m256d numbered =
+            _mm256_castsi256_pd(_mm256_and_si256(_mm256_cmpeq_epi64(idx0, want0), _mm256_cmpeq_epi64(idx1, want1)));
+        const __m256d valid = _mm256_and_pd(_mm256_cmp_pd(z0, validZ, _CMP_GE_OQ), _mm256_cmp_pd(z1, validZ, _CMP_GE_OQ));
+        if (_mm256_movemask_pd(_mm256_and_pd(valid, numbered)) != 0xF) {
+            for (int32_t k = i; k < i + kBlock; ++k) {
+                setPointIndex(points[k], k);
+                if (isValidZ(points[k].z)) step(k);
+            }
+            continue;
+        }
+        // Each point's predecessor: prev, then points 0-6. z > before and
+        // z < before are d > 0 and d < 0 (both false for inf - inf).
+        const __m256d before0 = _mm256_blend_pd(_mm256_permute4x64_pd(z0, 0x90), _mm256_set1_pd(prevV), 1);
+        const __m256d before1 = _mm256_blend_pd(_mm256_permute4x64_pd(z1, 0x90), _mm256_permute4x64_pd(z0, 0xFF), 1);
+        const unsigned up = unsigned(_mm256_movemask_pd(_mm256_cmp_pd(z0, before0, _CMP_GT_OQ))) |
+                            unsigned(_mm256_movemask_pd(_mm256_cmp_pd(z1, before1, _CMP_GT_OQ))) << 4;
+        const unsigned down = unsigned(_mm256_movemask_pd(_mm256_cmp_pd(z0, before0, _CMP_LT_OQ))) |
+                              unsigned(_mm256_movemask_pd(_mm256_cmp_pd(z1, before1, _CMP_LT_OQ))) << 4;
+        const unsigned turns = blockCandidates(up, down, rising);
+        // The candidate before position t is point i + t - 1, or prev for t
+        // = 0 (prev lies further back when the block follows a gap). All
+        // eight slots are written; the count advances by the number of turns.
+        const uint64_t* positions = &kBlockTables.positions[turns];
+        const __m256i found =
+            _mm256_add_epi32(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(positions))),
+                             _mm256_set1_epi32(i - 1));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(order + n), found);
+        order[n] = (turns & 1u) ? prev : i - 1 + static_cast<int32_t>(*positions & 0xFFu);
+        n += kBlockTables.counts[turns];
+        prev = i + kBlock - 1;
+        prevV = _mm256_cvtsd_f64(_mm256_permute4x64_pd(z1, 0xFF));
+    }
+    for (; i < count; ++i) {
+        setPointIndex(points[i], i);
+        if (isValidZ(points[i].z)) step(i);
+    }
+    if (trend != 0 && !isValidZ(points[count - 1].z)) order[n++] = prev;
+    copyFound();
+    return n;
+}
+
+// The verdict on the four lanes of one side of a candidate, indexed by the
+// mask of lanes out of range plus the mask of rejecting lanes shifted by 4:
+// kSideRejects when a lane nearer than every lane out of range rejects,
+// kSideOpen when no lane is out of range (the scan must go on). Backward lane
+// 3 and forward lane 0 are the nearest.
+constexpr unsigned kSideRejects = 1, kSideOpen = 2;
+
+struct SideTables {
+    uint8_t backward[256];
+    uint8_t forward[256];
+};
+
+constexpr uint8_t sideVerdict(unsigned out, unsigned rejects, bool backward) {
+    unsigned verdict = out == 0 ? kSideOpen : 0;
+    for (unsigned step = 0; step < kNeighbours; ++step) {
+        const unsigned lane = backward ? 3 - step : step;
+        if ((out >> lane) & 1u) break;
+        if ((rejects >> lane) & 1u) verdict |= kSideRejects;
+    }
+    return static_cast<uint8_t>(verdict);
+}
+
+constexpr SideTables makeSideTables() {
+    SideTables t{};
+    for (unsigned i = 0; i < 256; ++i) {
+        t.backward[i] = sideVerdict(i & 0xFu, i >> 4, true);
+        t.forward[i] = sideVerdict(i & 0xFu, i >> 4, false);
+    }
+    return t;
+}
+
+constexpr SideTables kSideTables = makeSideTables();
+
+// Whether candidate k of m (y and v padded with kNeighbours zeros on both
+// sides) is rejected by a neighbour within range: a higher one for peaks, a
+// lower one for valleys. The four nearest on either side are tested at once;
+// lanes beyond the first neighbour out of range, and beyond the ends of the
+// list, do not count. Where all four of a side are within range and nothing
+// rejected k, the scan goes on one candidate at a time.
+template <bool kPeak>
+__attribute__((target("avx2"))) inline bool rejectedAvx2(const double* y, const double* v, size_t m, size_t k,
+                                                         __m256d r2v, double r2) {
+    const __m256d yk = _mm256_set1_pd(y[k]), vk = _mm256_set1_pd(v[k]);
+    // Backward lane l holds candidate k - 4 + l, forward lane l candidate k + 1 + l.
+    const __m256d dB = _mm256_sub_pd(yk, _mm256_loadu_pd(y + k - kNeighbours));
+    const __m256d dF = _mm256_sub_pd(yk, _mm256_loadu_pd(y + k + 1));
+    const __m256d vB = _mm256_loadu_pd(v + k - kNeighbours), vF = _mm256_loadu_pd(v + k + 1);
+    unsigned outB = unsigned(_mm256_movemask_pd(_mm256_cmp_pd(_mm256_mul_pd(dB, dB), r2v, _CMP_GT_OQ)));
+    unsigned outF = unsigned(_mm256_movemask_pd(_mm256_cmp_pd(_mm256_mul_pd(dF, dF), r2v, _CMP_GT_OQ)));
+    const unsigned rejB = unsigned(_mm256_movemask_pd(kPeak ? _mm256_cmp_pd(vB, vk, _CMP_GT_OQ)
+                                                            : _mm256_cmp_pd(vk, vB, _CMP_GT_OQ)));
+    const unsigned rejF = unsigned(_mm256_movemask_pd(kPeak ? _mm256_cmp_pd(vF, vk, _CMP_GT_OQ)
+                                                            : _mm256_cmp_pd(vk, vF, _CMP_GT_OQ)));
+    const size_t after = m - 1 - k;
+    outB |= 0xFu >> std::min(k, kNeighbours);
+    outF |= (0xFu << std::min(after, kNeighbours)) & 0xFu;
+    const unsigned verdict =
+        kSideTables.backward[outB | (rejB << 4)] | kSideTables.forward[outF | (rejF << 4)];
+    if (verdict != kSideOpen) return (verdict & kSideRejects) != 0;
+    const double ykk = y[k], vkk = v[k];
+    const auto rejects = [vkk](double vj) { return kPeak ? vj > vkk : vkk > vj; };
+    if (outB == 0) {
+        for (size_t j = k - kNeighbours; j-- > 0;) {
+            const double dy = ykk - y[j];
+            if (dy * dy > r2) break;
+            if (rejects(v[j])) return true;
+        }
+    }
+    if (outF == 0) {
+        for (size_t j = k + kNeighbours + 1; j < m; ++j) {
+            const double dy = ykk - y[j];
+            if (dy * dy > r2) break;
+            if (rejects(v[j])) return true;
+        }
+    }
+    return false;
+}
+
+// Suppression over the m candidates of one kind, the entries of parity
+// `parity` in the list; the survivors are appended to out.
+template <bool kPeak>
+__attribute__((target("avx2"))) void suppressAvx2(CandidateStore& store, size_t parity, size_t m, double peakRangeY,
+                                                  int32_t type, int32_t lineIdx,
+                                                  std::vector<SHX_basicFeature1D>& out) {
+    int32_t* keep = store.keep();
+    store.padAfter(parity, m);
+    const double* x = store.field(0, parity);
+    const double* y = store.field(1, parity);
+    const double* z = store.field(2, parity);
+    const double r2 = peakRangeY * peakRangeY;
+    const __m256d r2v = _mm256_set1_pd(r2);
+    size_t kept = 0;
+    for (size_t k = 0; k < m; ++k) {
+        keep[kept] = static_cast<int32_t>(k);
+        kept += !rejectedAvx2<kPeak>(y, z, m, k, r2v, r2);
+    }
+    const int32_t* order = store.order() + parity;
+    const size_t old = out.size();
+    out.resize(old + kept);
+    SHX_basicFeature1D* f = out.data() + old;
+    for (size_t t = 0; t < kept; ++t) {
+        const size_t k = static_cast<size_t>(keep[t]);
+        f[t].featureType = type;
+        f[t].lineIdx = lineIdx;
+        f[t].featurePos = SKesp3DPosition{order[2 * k], x[k], y[k], z[k]};
+        f[t].featureValue = 0.0;
+    }
+}
+
+__attribute__((target("avx2"))) void localPeaksKernelAvx2(SKesp3DPosition* points, int32_t pointCount,
+                                                          int32_t lineIdx, double peakRangeY,
+                                                          std::vector<SHX_basicFeature1D>& peaks,
+                                                          std::vector<SHX_basicFeature1D>& valleys) {
+    CandidateStore store(pointCount);
+    bool firstIsPeak = false;
+    const size_t found = scanCandidatesAvx2(points, pointCount, store, firstIsPeak);
+    if (found == 0) return;
+    const size_t evens = (found + 1) / 2, odds = found / 2;
+    const size_t peakParity = firstIsPeak ? 0 : 1;
+    suppressAvx2<false>(store, 1 - peakParity, peakParity ? evens : odds, peakRangeY, kTypeValley, lineIdx, valleys);
+    suppressAvx2<true>(store, peakParity, peakParity ? odds : evens, peakRangeY, kTypePeak, lineIdx, peaks);
+}
+
+bool haveAvx2() {
+    static const bool avx2 = [] {
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("avx2") != 0;
+    }();
+    return avx2;
+}
+
+#endif  // PA_LOCAL_PEAKS_AVX2
+
 void downJumpsKernel(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double jumpThreshold,
                      std::vector<SHX_basicFeature1D>& jumps) {
     int32_t prev = -1;
@@ -70,6 +471,12 @@ void downJumpsKernel(SKesp3DPosition* points, int32_t pointCount, int32_t lineId
 PA_API void hx_getLineLocalPeaks(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double peakRangeY,
                                  std::vector<SHX_basicFeature1D>& peaks, std::vector<SHX_basicFeature1D>& valleys) {
     if (points == nullptr || pointCount < 2) return;
+#if PA_LOCAL_PEAKS_AVX2
+    if (haveAvx2()) {
+        localPeaksKernelAvx2(points, pointCount, lineIdx, peakRangeY, peaks, valleys);
+        return;
+    }
+#endif
     localPeaksKernel(points, pointCount, lineIdx, peakRangeY, peaks, valleys);
 }
 

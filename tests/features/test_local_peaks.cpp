@@ -286,6 +286,83 @@ TEST(LocalPeaks, MatchesPlainVersionOnLongMonotoneStretches) {
     EXPECT_GT(found, 400);  // the comparison is not vacuous
 }
 
+// Lines whose points already carry their index take the eight-point block
+// path; blocks with a gap, or with a point not yet numbered, go point by
+// point. Each line is checked on a first call (partly numbered) and on a
+// second (fully numbered), against the plain version.
+TEST(LocalPeaks, MatchesPlainVersionOnNumberedLinesInBlocks) {
+    testutil::Rng rng(37);
+    const double inf = std::numeric_limits<double>::infinity();
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    int found = 0;
+    for (int trial = 0; trial < 800; ++trial) {
+        const int n = static_cast<int>(rng.integer(2, 260));
+        std::vector<SKesp3DPosition> line(static_cast<size_t>(n));
+        // Monotone runs with noise, plateaus of equal values, zigzags (many
+        // candidates close together), gaps at any offset, and rare infinite
+        // or NaN heights.
+        double z = rng.uniform(5.0, 20.0), slope = rng.uniform(-1.0, 1.0);
+        const double noise = rng.integer(0, 2) == 0 ? 0.0 : rng.uniform(0.0, 1.0);
+        const int gapEvery = static_cast<int>(rng.integer(3, 60));
+        for (int i = 0; i < n; ++i) {
+            const int kind = static_cast<int>(rng.integer(0, 29));
+            if (kind == 0) slope = -slope;
+            else if (kind == 1) slope = rng.uniform(-1.0, 1.0);
+            else if (kind == 2) slope = 0.0;  // a plateau until the next change
+            z = std::max(z + slope + (noise > 0 ? rng.uniform(-noise, noise) : 0.0), 0.5);
+            double zi = rng.integer(0, 3) == 0 ? std::round(z) : z;  // ties
+            if (rng.integer(0, gapEvery) == 0) zi = 0.0;
+            if (rng.integer(0, 400) == 0) zi = inf;
+            if (rng.integer(0, 400) == 0) zi = nan;
+            const double y = rng.integer(0, 150) == 0 ? rng.uniform(0.0, 30.0) : i * 0.1;
+            const int64_t idx = rng.integer(0, 20) == 0 ? -1 : i;
+            line[static_cast<size_t>(i)] = pt(rng.uniform(-1, 1), y, zi, idx);
+        }
+        // Ranges from a few points to many candidates at once (beyond the
+        // four compared together), and the out-of-contract ones.
+        const int rangeKind = static_cast<int>(rng.integer(0, 9));
+        const double range = rangeKind == 0 ? nan : rangeKind == 1 ? inf : rangeKind == 2 ? rng.uniform(2.0, 30.0)
+                                                                                           : rng.uniform(-1.5, 1.5);
+        for (int call = 0; call < 2; ++call) {
+            Features ep, ev, gp, gv;
+            plainLocalPeaks(line, trial, range, ep, ev);
+            hx_getLineLocalPeaks(line.data(), n, trial, range, gp, gv);
+            expectSameFeatures(gp, ep);
+            expectSameFeatures(gv, ev);
+            for (int i = 0; i < n; ++i) ASSERT_EQ(line[static_cast<size_t>(i)].nPointIdx, i);
+            found += static_cast<int>(ep.size() + ev.size());
+        }
+    }
+    EXPECT_GT(found, 4000);
+}
+
+TEST(LocalPeaks, GapsAtEveryOffsetOfABlock) {
+    // A ramp up and down with a run of invalid points at each offset and of
+    // each length up to a whole block, ending valid or invalid.
+    for (int gapStart = 0; gapStart < 24; ++gapStart) {
+        for (int gapLen = 1; gapLen <= 9; ++gapLen) {
+            for (int endsInvalid = 0; endsInvalid < 2; ++endsInvalid) {
+                const int n = 48;
+                std::vector<SKesp3DPosition> line(static_cast<size_t>(n));
+                for (int i = 0; i < n; ++i) {
+                    double z = i < 20 ? 1.0 + i : 41.0 - i;  // peak at 19, then falling
+                    if (i % 7 == 3) z += 0.5;                // small bumps: extra candidates
+                    if (i >= gapStart && i < gapStart + gapLen) z = 0.0;
+                    if (endsInvalid && i == n - 1) z = 0.0;
+                    line[static_cast<size_t>(i)] = pt(0.0, i * 0.1, z, i);
+                }
+                for (double range : {0.05, 0.35, 1.0, 5.0}) {
+                    Features ep, ev, gp, gv;
+                    plainLocalPeaks(line, 0, range, ep, ev);
+                    hx_getLineLocalPeaks(line.data(), n, 0, range, gp, gv);
+                    expectSameFeatures(gp, ep);
+                    expectSameFeatures(gv, ev);
+                }
+            }
+        }
+    }
+}
+
 TEST(DownJumps, HandWorkedCases) {
     // 1, 1, gap, 3 with threshold 1.5: one jump at the near side (index 1).
     auto line = profileFromZ({1.0, 1.0, 0.0, 3.0});
