@@ -1,7 +1,8 @@
 # Two commands set up a fresh Debian/Ubuntu machine and run the library:
 #   make demo   install what is missing, build, run the demo on the built-in scan
 #   make test   install what is missing, build, run the test suite
-# Further targets: make bench (benchmarks), make sanitize (tests under ASan+UBSan).
+# Further targets: make bench (benchmarks), make sanitize (tests under ASan+UBSan,
+# with the portable kernels in place of the AVX2 ones chosen at run time).
 
 BUILD ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
@@ -30,7 +31,7 @@ bench: build
 	./$(BUILD)/bench/profile_bench $(ARGS)
 
 sanitize:
-	$(MAKE) test BUILD=build-sanitize CMAKE_ARGS="-DPA_SANITIZE=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPA_BUILD_BENCHMARKS=OFF"
+	$(MAKE) test BUILD=build-sanitize CMAKE_ARGS="-DPA_SANITIZE=ON -DPA_PORTABLE_KERNELS=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPA_BUILD_BENCHMARKS=OFF"
 
 clean:
 	rm -rf build build-sanitize

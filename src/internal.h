@@ -10,6 +10,19 @@
 
 #include "profile_analysis.h"
 
+// Some detectors have AVX2 variants of their kernels, compiled with GCC or
+// Clang for x86-64 and chosen at run time; other builds and processors run the
+// portable kernels, which give identical results. Defining
+// PA_PORTABLE_KERNELS leaves the AVX2 variants out (the sanitizer build does,
+// so that the test suite covers the portable kernels too). The AVX2 variants
+// never enable fused multiply-add, which would change results.
+#if (defined(__GNUC__) || defined(__clang__)) && defined(__x86_64__) && !defined(PA_PORTABLE_KERNELS)
+#define PA_AVX2_KERNELS 1
+#include <immintrin.h>
+#else
+#define PA_AVX2_KERNELS 0
+#endif
+
 namespace pa_detail {
 
 /// Heights below this carry no measurement.
@@ -57,6 +70,20 @@ inline double squaredReachThreshold(double len) {
     while (t > 0.0 && std::sqrt(std::nextafter(t, 0.0)) >= len) t = std::nextafter(t, 0.0);
     while (std::sqrt(t) < len) t = std::nextafter(t, std::numeric_limits<double>::infinity());
     return t;
+}
+
+// ---------------------------------------------------------------------------
+// Wide-vector kernels
+// ---------------------------------------------------------------------------
+
+/// True when the AVX2 kernels are built in and the processor has AVX2.
+inline bool avx2KernelsUsable() {
+#if PA_AVX2_KERNELS
+    __builtin_cpu_init();  // a no-op once the runtime's own start-up has run it
+    return __builtin_cpu_supports("avx2") != 0;
+#else
+    return false;
+#endif
 }
 
 // ---------------------------------------------------------------------------

@@ -34,11 +34,6 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
-#if defined(__GNUC__) && defined(__x86_64__)
-#include <immintrin.h>
-#define PA_ARCS_AVX2 1
-#endif
-
 #include "../internal.h"
 
 namespace pa_detail {
@@ -89,7 +84,7 @@ struct ChordSearch {
     double grow;
 };
 
-#if defined(PA_ARCS_AVX2)
+#if PA_AVX2_KERNELS
 // Step lengths of points 0 .. i-1 four at a time (AVX2, no fused multiply-add,
 // so the same operations as the portable loop); returns i.
 __attribute__((target("avx2"))) inline int64_t stepsFourAtATime(const double* y, const double* z, double* step, int64_t m) {
@@ -170,7 +165,7 @@ private:
         double* step = step_;
         const int64_t m = m_;
         int64_t i = 0;
-#if defined(PA_ARCS_AVX2)
+#if PA_AVX2_KERNELS
         if (avx2_) i = stepsFourAtATime(y, z, step, m);
 #endif
 #if defined(__SSE2__)
@@ -215,7 +210,7 @@ private:
     int64_t forwardEnd(int64_t i, const ChordSearch& cs);
     void addPoint(int64_t i, bool hasBackwardEnd, int64_t f);
     void findChordEnds(const ChordSearch& cs);
-#if defined(PA_ARCS_AVX2)
+#if PA_AVX2_KERNELS
     int64_t largestStepsFourAtATime(int64_t groups);
     int64_t skipsFourAtATime(int64_t groups, const double* below);
     int64_t chordEndsFourAtATime(const ChordSearch& cs);
@@ -302,7 +297,7 @@ inline void ArcLine::computeSkips(double chordLen) {
     const double inf = std::numeric_limits<double>::infinity();
     for (int64_t j = m; j < (groups << kGroupShift); ++j) step_[j] = 0.0;
     int64_t g0 = 0;
-#if defined(PA_ARCS_AVX2)
+#if PA_AVX2_KERNELS
     if (avx2_) g0 = largestStepsFourAtATime(groups);
 #endif
     for (int64_t g = g0; g < groups; ++g) {
@@ -337,7 +332,7 @@ inline void ArcLine::computeSkips(double chordLen) {
     const __m128d b45 = _mm_loadu_pd(below + 4), b67 = _mm_loadu_pd(below + 6);
 #endif
     g0 = 0;
-#if defined(PA_ARCS_AVX2)
+#if PA_AVX2_KERNELS
     if (avx2_) g0 = skipsFourAtATime(groups, below);
 #endif
     for (int64_t g = g0; g < groups; ++g) {
@@ -356,7 +351,7 @@ inline void ArcLine::computeSkips(double chordLen) {
     }
 }
 
-#if defined(PA_ARCS_AVX2)
+#if PA_AVX2_KERNELS
 // The largest step of groups 0 .. g-1 (+inf for a NaN step), four groups at a
 // time; returns g.
 __attribute__((target("avx2"))) inline int64_t ArcLine::largestStepsFourAtATime(int64_t groups) {
@@ -555,7 +550,7 @@ inline void ArcLine::findChordEnds(const ChordSearch& cs) {
     const int64_t m = m_;
     survivorCount_ = 0;
     int64_t i0 = 0;
-#if defined(PA_ARCS_AVX2)
+#if PA_AVX2_KERNELS
     if (avx2_) i0 = chordEndsFourAtATime(cs);
 #endif
 #if defined(__SSE2__)
@@ -628,7 +623,7 @@ inline void ArcLine::findChordEnds(const ChordSearch& cs) {
     for (; i0 < m; ++i0) addPoint(i0, backwardEnd(i0, cs) >= 0, forwardEnd(i0, cs));
 }
 
-#if defined(PA_ARCS_AVX2)
+#if PA_AVX2_KERNELS
 // Tests points l + o (l = 0 .. 3) of yg, zg against points l: lanes that
 // reach the chord for the first time take offset o. The points tested are
 // left in yo, zo.
@@ -757,7 +752,7 @@ __attribute__((target("avx2"))) inline int64_t ArcLine::chordEndsFourAtATime(con
 }
 #endif
 
-#if defined(PA_ARCS_AVX2)
+#if PA_AVX2_KERNELS
 // findCandidates with four points per AVX2 comparison: the first group of
 // the backward search and the two windows. The same tests, so the same
 // candidates.
@@ -843,7 +838,7 @@ inline unsigned zAbove8(const double* z, int64_t j0, double zi, bool orEqual) {
 // points next to the neighbours on each side are tested at once and masked
 // to the range; longer ranges finish point by point.
 inline void ArcLine::findCandidates(const ChordSearch& cs) {
-#if defined(PA_ARCS_AVX2)
+#if PA_AVX2_KERNELS
     if (avx2_) {
         findCandidatesFourAtATime(cs);
         return;
@@ -953,15 +948,6 @@ inline void detect(const std::vector<SKesp3DPosition>& linePts, int lineIdx, SHX
     }
 }
 
-/// True when the AVX2 kernels may run on this processor.
-inline bool avx2Available() {
-#if defined(PA_ARCS_AVX2)
-    __builtin_cpu_init();  // needed only before constructors run; cheap once done
-    return __builtin_cpu_supports("avx2");
-#else
-    return false;
-#endif
-}
 
 }  // namespace glove_arcs
 }  // namespace pa_detail

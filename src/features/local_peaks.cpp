@@ -4,20 +4,8 @@
 
 #include "internal.h"
 
-// The local-peaks kernel has a wide-vector variant, chosen at run time on
-// processors that have AVX2; other compilers and processors use the portable
-// kernel. Both give identical results. (Building with PA_LOCAL_PEAKS_AVX2=0
-// defined leaves out the wide variant, to test the portable kernel.)
-#ifndef PA_LOCAL_PEAKS_AVX2
-#if (defined(__GNUC__) || defined(__clang__)) && defined(__x86_64__)
-#define PA_LOCAL_PEAKS_AVX2 1
-#else
-#define PA_LOCAL_PEAKS_AVX2 0
-#endif
-#endif
-#if PA_LOCAL_PEAKS_AVX2
-#include <immintrin.h>
-#endif
+// The local-peaks kernel has an AVX2 variant, chosen at run time (see
+// PA_AVX2_KERNELS in internal.h); both give identical results.
 
 using pa_detail::isValidZ;
 
@@ -68,7 +56,7 @@ void localPeaksKernel(SKesp3DPosition* points, int32_t pointCount, int32_t lineI
     suppress(cands.firstPeakPos(), cands.peakCount(), [](double vk, double vj) { return vj > vk; }, kTypePeak, peaks);
 }
 
-#if PA_LOCAL_PEAKS_AVX2
+#if PA_AVX2_KERNELS
 
 // ---------------------------------------------------------------------------
 // AVX2 kernel
@@ -441,15 +429,8 @@ __attribute__((target("avx2"))) void localPeaksKernelAvx2(SKesp3DPosition* point
     suppressAvx2<true>(store, peakParity, peakParity ? odds : evens, peakRangeY, kTypePeak, lineIdx, peaks);
 }
 
-bool haveAvx2() {
-    static const bool avx2 = [] {
-        __builtin_cpu_init();
-        return __builtin_cpu_supports("avx2") != 0;
-    }();
-    return avx2;
-}
 
-#endif  // PA_LOCAL_PEAKS_AVX2
+#endif  // PA_AVX2_KERNELS
 
 void downJumpsKernel(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double jumpThreshold,
                      std::vector<SHX_basicFeature1D>& jumps) {
@@ -471,8 +452,8 @@ void downJumpsKernel(SKesp3DPosition* points, int32_t pointCount, int32_t lineId
 PA_API void hx_getLineLocalPeaks(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double peakRangeY,
                                  std::vector<SHX_basicFeature1D>& peaks, std::vector<SHX_basicFeature1D>& valleys) {
     if (points == nullptr || pointCount < 2) return;
-#if PA_LOCAL_PEAKS_AVX2
-    if (haveAvx2()) {
+#if PA_AVX2_KERNELS
+    if (pa_detail::avx2KernelsUsable()) {
         localPeaksKernelAvx2(points, pointCount, lineIdx, peakRangeY, peaks, valleys);
         return;
     }

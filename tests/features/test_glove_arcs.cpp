@@ -312,7 +312,7 @@ TEST(GloveArcs, PortableAndAvx2KernelsMatchThePlainDefinition) {
     // The exported routine takes the AVX2 kernels where the processor has
     // them; here both kernels run on the same lines, whatever the processor.
     testutil::Rng rng(31);
-    const bool avx2 = pa_detail::glove_arcs::avx2Available();
+    const bool avx2 = pa_detail::avx2KernelsUsable();
     const double chords[] = {0.0, 0.3, 0.5, 2.5, 40.0, 1e9};
     for (int trial = 0; trial < 200; ++trial) {
         const auto v = stressProfile(rng, static_cast<int>(rng.integer(10, 300)), trial % 3 == 0);
