@@ -3,7 +3,7 @@
 #include <cmath>
 #include <vector>
 
-#include "internal.h"
+#include "corner_angles_kernel.h"
 
 using pa_detail::CornerAngleList;
 using pa_detail::CornerSegment;
@@ -72,7 +72,7 @@ PA_API void hx_getLineCornerFeature(const SKesp3DPosition* points, int32_t point
 
     CornerAngleList list;
     std::vector<CornerSegment> segs;
-    list.build(points, pointCount, param.jumpZ, param.armLen, false, &segs);
+    list.build(points, pointCount, param.jumpZ, param.armLen, false, &segs, pa_detail::cpuHasAvx2());
     appendCorners(points, list, lineIdx, param, out->features);
 
     joinSegments(points, segs, param);

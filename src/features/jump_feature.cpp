@@ -4,7 +4,7 @@
 #include <cmath>
 #include <vector>
 
-#include "internal.h"
+#include "corner_angles_kernel.h"
 
 using pa_detail::CornerAngleList;
 
@@ -61,7 +61,7 @@ PA_API void hx_getLineJumpFeature_cornerMethod(const SKesp3DPosition* points, in
     if (points == nullptr || pointCount < 1) return;
 
     CornerAngleList list;
-    list.build(points, pointCount, param.jumpZ, param.armLen, true, nullptr);
+    list.build(points, pointCount, param.jumpZ, param.armLen, true, nullptr, pa_detail::cpuHasAvx2());
 
     std::vector<TypedCorner> convex, concave;
     typeCorners(list, list.maxima(), false, param, convex);
