@@ -258,7 +258,7 @@ inline double exactChordAngle(double dz, double dy) { return radToDegLiteral(std
 template <class O>
 struct SideSearch {
     typename O::V yEnd, zEnd;  // the point each lane reached
-    typename O::V off;         // offset of that point, 0 where none
+    typename O::V off;         // offset of that point (anything where none)
     typename O::V foundMask;   // lanes that reached, as a mask
     unsigned found = 0;        // lanes that reached, as bits
     bool exhausted = false;    // every lane ran out of line
@@ -272,21 +272,33 @@ template <class O, int kDir>
 PA_CORNER_INLINE void searchSide(const double* yg, const double* zg, int32_t skip, int32_t limit,
                                  typename O::V yk, typename O::V zk, typename O::V t, SideSearch<O>& r) {
     using V = typename O::V;
-    V found = O::zero(), off = O::zero(), yE = O::zero(), zE = O::zero();
+    auto reaches = [&](V yo, V zo) {
+        const V dy = O::sub(yk, yo), dz = O::sub(zk, zo);
+        return O::ge(O::add(O::mul(dy, dy), O::mul(dz, dz)), t);
+    };
+    // The first round, which nearly always settles every lane, keeps per
+    // lane the first of its two points that reaches.
+    int32_t o = skip + 1;
+    const V yo0 = O::load(yg + kDir * o), zo0 = O::load(zg + kDir * o);
+    const V yo1 = O::load(yg + kDir * (o + 1)), zo1 = O::load(zg + kDir * (o + 1));
+    const V r0 = reaches(yo0, zo0);
+    V found = O::orV(r0, reaches(yo1, zo1));
+    V off = O::select(r0, O::set1(static_cast<double>(o)), O::set1(static_cast<double>(o + 1)));
+    V yE = O::select(r0, yo0, yo1), zE = O::select(r0, zo0, zo1);
+    // Lanes not yet found hold anything; the later rounds overwrite them.
     auto test = [&](int32_t o) {
         const V yo = O::load(yg + kDir * o), zo = O::load(zg + kDir * o);
-        const V dy = O::sub(yk, yo), dz = O::sub(zk, zo);
-        const V reach = O::ge(O::add(O::mul(dy, dy), O::mul(dz, dz)), t);
-        const V fresh = O::andNot(found, reach);
-        off = O::orV(O::andV(fresh, O::set1(static_cast<double>(o))), off);
+        const V fresh = O::andNot(found, reaches(yo, zo));
+        off = O::select(fresh, O::set1(static_cast<double>(o)), off);
         yE = O::select(fresh, yo, yE);
         zE = O::select(fresh, zo, zE);
-        found = O::orV(found, reach);
+        found = O::orV(found, fresh);
     };
-    int32_t o = skip + 1;
     for (;; o += 2) {
-        test(o);
-        test(o + 1);
+        if (o > skip + 1) {
+            test(o);
+            test(o + 1);
+        }
         r.found = O::bits(found);
         if (r.found == 0xFu) break;
         if (o + 1 >= limit) {
@@ -494,6 +506,10 @@ void trendExtrema(const CornerAngleList& list, const int32_t* back, const double
     minCount = nMin;
 }
 
+// Points the compaction asks the memory for ahead of their use: the loop is
+// too long for the processor to run far enough ahead on its own.
+constexpr int32_t kPrefetchAhead = 64;
+
 // Copies the valid points' input index, y and z to the front of idx, y and z
 // and returns their number. With kSegments the runs of valid points, cut
 // where consecutive heights differ by more than jumpZ, are appended to
@@ -506,6 +522,9 @@ int32_t compactValid(const SKesp3DPosition* points, int32_t count, double jumpZ,
     bool open = false;
     int32_t first = 0, last = 0;
     for (int32_t i = 0; i < count; ++i) {
+#if defined(__GNUC__)
+        __builtin_prefetch(points + std::min(i + kPrefetchAhead, count - 1));
+#endif
         const double zi = points[i].z;
         if (!isStrictlyValidZ(zi)) {
             if (kSegments && open) {
