@@ -604,14 +604,14 @@ inline void CornerAngleList::findSkips(double armLen) {
         for (int32_t g = 0; g < groups; ++g) skipF_[g] = skipB_[g] = 0;
         return;
     }
-    // below[k] = (reach / k)^2, shortened; 0 fits always, k above kMaxSkip
-    // never (squared steps are >= 0).
-    static_assert(kMaxSkip < 16, "the skip is found by four halvings");
-    double below[16];
+    // below[k] = (r / k)^2 with r the reach shortened for rounding; 0 fits
+    // always.
+    const double r = reach * (1.0 - 4.0 * kStepSlack);
+    double below[kMaxSkip + 1];
     below[0] = std::numeric_limits<double>::infinity();
-    for (int32_t k = 1; k < 16; ++k) {
-        const double r = reach / static_cast<double>(k) * (1.0 - 4.0 * kStepSlack);
-        below[k] = k <= kMaxSkip ? r * r : -1.0;
+    for (int32_t k = 1; k <= kMaxSkip; ++k) {
+        const double rk = r / static_cast<double>(k);
+        below[k] = rk * rk;
     }
     const V inf = O::set1(std::numeric_limits<double>::infinity());
     // Squared steps (NaN as +inf; 0 after the last point) in the path's room,
@@ -624,27 +624,52 @@ inline void CornerAngleList::findSkips(double armLen) {
         const V dy = O::sub(O::load(y + j + 1), O::load(y + j)), dz = O::sub(O::load(z + j + 1), O::load(z + j));
         O::store(step2 + j, O::min(O::add(O::mul(dy, dy), O::mul(dz, dz)), inf));
     }
-    for (int32_t j = m - 1; j < padded; ++j) step2[j] = 0.0;
-    // Each group's own skip, the largest k with its largest squared step
-    // below below[k] (they fall with k), in its largest step's room.
-    double* own = largest_;
-    for (int32_t g = 0; g < groups; ++g) {
-        const double* s4 = step2 + (g << kGroupShift);
-        const double L = std::max(std::max(s4[0], s4[1]), std::max(s4[2], s4[3]));
-        int32_t k = 0;
-        for (int32_t half = 8; half > 0; half >>= 1) k += L < below[k + half] ? half : 0;
-        own[g] = static_cast<double>(k);
+    for (int32_t j = m - 1; j < padded + kGroup * kGroup; ++j) step2[j] = 0.0;  // the last round of four reads past
+    // Each group's own skip, the largest k with its largest squared step L
+    // below below[k] (they fall with k), as a float in its largest step's
+    // room. (Floats hold 0 .. kMaxSkip exactly.)
+    float* own = reinterpret_cast<float*>(largest_);
+    auto fits = [&below](double L, int32_t k) {
+        while (k > 0 && !(L < below[k])) --k;
+        return k;
+    };
+    int32_t g = 0;
+#if defined(__SSE2__)
+    // Four groups at a time: an estimate r / sqrt(L) from the processor's
+    // reciprocal square root (about 12 bits), capped, then checked exactly
+    // against the thresholds and lowered where it was too high. An estimate
+    // too low by one only shortens a skip. (rsqrt(0) is +inf, capped; a NaN
+    // from inf * 0 is capped too; L beyond the float range is +inf, giving 0.)
+    const __m128 rf = _mm_set1_ps(static_cast<float>(r)), most = _mm_set1_ps(static_cast<float>(kMaxSkip));
+    for (; g < groups; g += kGroup) {
+        const double* s = step2 + (g << kGroupShift);
+        const __m128d a01 = _mm_max_pd(_mm_loadu_pd(s), _mm_loadu_pd(s + 2));
+        const __m128d b01 = _mm_max_pd(_mm_loadu_pd(s + 4), _mm_loadu_pd(s + 6));
+        const __m128d a23 = _mm_max_pd(_mm_loadu_pd(s + 8), _mm_loadu_pd(s + 10));
+        const __m128d b23 = _mm_max_pd(_mm_loadu_pd(s + 12), _mm_loadu_pd(s + 14));
+        alignas(16) double L[4];
+        _mm_store_pd(L, _mm_max_pd(_mm_unpacklo_pd(a01, b01), _mm_unpackhi_pd(a01, b01)));
+        _mm_store_pd(L + 2, _mm_max_pd(_mm_unpacklo_pd(a23, b23), _mm_unpackhi_pd(a23, b23)));
+        const __m128 lf = _mm_movelh_ps(_mm_cvtpd_ps(_mm_load_pd(L)), _mm_cvtpd_ps(_mm_load_pd(L + 2)));
+        alignas(16) int32_t k[4];
+        _mm_store_si128(reinterpret_cast<__m128i*>(k),
+                        _mm_cvttps_epi32(_mm_min_ps(_mm_mul_ps(_mm_rsqrt_ps(lf), rf), most)));
+        for (int32_t h = 0; h < kGroup; ++h) k[h] = fits(L[h], k[h]);
+        _mm_storeu_ps(own + g, _mm_cvtepi32_ps(_mm_load_si128(reinterpret_cast<const __m128i*>(k))));
     }
-    for (int32_t h = 1; h <= kSpan; ++h) own[-h] = static_cast<double>(kMaxSkip);
-    for (int32_t h = groups; h < groups + kSpan + kGroup; ++h) own[h] = static_cast<double>(kMaxSkip);
+#else
+    for (; g < groups; ++g) {
+        const double* s4 = step2 + (g << kGroupShift);
+        own[g] = static_cast<float>(fits(std::max(std::max(s4[0], s4[1]), std::max(s4[2], s4[3])), kMaxSkip));
+    }
+#endif
+    for (int32_t h = 1; h <= kSpan; ++h) own[-h] = static_cast<float>(kMaxSkip);
+    for (int32_t h = groups; h < groups + kSpan + kGroup; ++h) own[h] = static_cast<float>(kMaxSkip);
     static_assert(kSpan == 3, "the windows span the group and three on each side");
-    // (Four groups at a time; the skips after the last group are not read.)
-    for (int32_t g = 0; g < groups; g += kGroup) {
-        const V here = O::load(own + g);
-        const V f = O::min(O::min(here, O::load(own + g + 1)), O::min(O::load(own + g + 2), O::load(own + g + 3)));
-        const V b = O::min(O::min(here, O::load(own + g - 1)), O::min(O::load(own + g - 2), O::load(own + g - 3)));
-        O::storeInt(skipF_ + g, f);
-        O::storeInt(skipB_ + g, b);
+    for (g = 0; g < groups; ++g) {
+        const float* w = own + g;
+        skipF_[g] = static_cast<int32_t>(std::min(std::min(w[0], w[1]), std::min(w[2], w[3])));
+        skipB_[g] = static_cast<int32_t>(std::min(std::min(w[0], w[-1]), std::min(w[-2], w[-3])));
     }
 }
 
