@@ -427,6 +427,12 @@ public:
         }
         return exactLess(a, k, limit, absolute);
     }
+    /// Positions in cands of the candidates whose corner angle (magnitude, with
+    /// absolute) is not clearly below limit: every candidate for which
+    /// less(Corner, q, limit, absolute) can be false. Screened without
+    /// branches, as on noisy profiles most candidates fail at random; valid
+    /// until the next call.
+    CornerIndexList notClearlyBelow(CornerIndexList cands, double limit, bool absolute);
     /// Exactly `corner(o) > corner(q)`; with absolute, of their magnitudes.
     bool cornerGreater(int32_t o, int32_t q, bool absolute) const;
     /// True when a candidate of cands within 2 * armLen along y of cands[pos]
@@ -461,6 +467,7 @@ private:
     int32_t* minima_ = nullptr;
     int32_t* skipF_ = nullptr;         // per group of four points: points provably within the arm forward
     int32_t* skipB_ = nullptr;         // ... and backward
+    int32_t* screened_ = nullptr;      // positions kept by notClearlyBelow
     std::size_t maxCount_ = 0;
     std::size_t minCount_ = 0;
     double* y_ = nullptr;              // padded on both sides with NaN (never within reach)

@@ -569,7 +569,7 @@ inline void CornerAngleList::allocate(std::size_t n) {
     const std::size_t groups = (n >> kGroupShift) + 1 + kGroup;
     // Maxima and minima alternate, so neither list outgrows half the points plus one.
     const std::size_t extrema = n / 2 + 2;
-    ints_.reset(new int32_t[3 * n + 2 * extrema + 2 * groups]);
+    ints_.reset(new int32_t[3 * n + 3 * extrema + 2 * groups]);
     idx_ = ints_.get();
     back_ = idx_ + n;
     fwd_ = back_ + n;
@@ -577,6 +577,7 @@ inline void CornerAngleList::allocate(std::size_t n) {
     minima_ = maxima_ + extrema;
     skipF_ = minima_ + extrema;
     skipB_ = skipF_ + groups;
+    screened_ = skipB_ + groups;
     reals_.reset(new double[4 * stride + groups + 2 * kSpan]);
     y_ = reals_.get() + kPad;
     z_ = y_ + stride;
@@ -857,6 +858,18 @@ inline bool CornerAngleList::exactGreater(Angle a, int32_t k, double limit, bool
 inline bool CornerAngleList::exactLess(Angle a, int32_t k, double limit, bool absolute) const {
     const double e = exact(a, k);
     return (absolute ? std::fabs(e) : e) < limit;
+}
+
+inline CornerIndexList CornerAngleList::notClearlyBelow(CornerIndexList cands, double limit, bool absolute) {
+    // The clear case of less(): v + 2 * kAngleTol < limit.
+    std::size_t n = 0;
+    for (std::size_t pos = 0; pos < cands.size(); ++pos) {
+        const double c = approxC_[cands[pos]];
+        const double v = absolute ? std::fabs(c) : c;
+        screened_[n] = static_cast<int32_t>(pos);
+        n += v + 2.0 * kAngleTol < limit ? 0 : 1;
+    }
+    return CornerIndexList{screened_, n};
 }
 
 inline bool CornerAngleList::cornerGreater(int32_t o, int32_t q, bool absolute) const {

@@ -35,10 +35,12 @@ int32_t cornerType(const CornerAngleList& list, int32_t q, const SHX_cornerParam
     return kTypeOtherCorner;
 }
 
-void appendCorners(const SKesp3DPosition* points, const CornerAngleList& list, int32_t lineIdx,
+void appendCorners(const SKesp3DPosition* points, CornerAngleList& list, int32_t lineIdx,
                    const SHX_cornerParam& param, std::vector<SHX_basicFeature1D>& out) {
     const pa_detail::CornerIndexList cands = list.maxima();
-    for (size_t pos = 0; pos < cands.size(); ++pos) {
+    const pa_detail::CornerIndexList kept = list.notClearlyBelow(cands, param.minCornerAngle, false);
+    for (size_t i = 0; i < kept.size(); ++i) {
+        const size_t pos = static_cast<size_t>(kept[i]);
         const int32_t q = cands[pos];
         if (list.less(CornerAngleList::Angle::Corner, q, param.minCornerAngle, false)) continue;
         if (list.outranked(cands, pos, param.armLen, false)) continue;
