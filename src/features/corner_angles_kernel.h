@@ -73,6 +73,8 @@ constexpr int32_t kSpan = kMaxSkip / kGroup;
 // A group tests this many offsets past its skip before its unfinished points
 // are searched one by one.
 constexpr int32_t kGroupReach = 16;
+// Skips below this are worked out step by step.
+constexpr int32_t kRefineBelow = 6;
 // Groups searched before their angles are computed together.
 constexpr int32_t kBlockGroups = 32;
 // A point searched alone tests this many points before the path bound.
@@ -671,6 +673,27 @@ inline void CornerAngleList::findSkips(double armLen) {
         const float* w = own + g;
         skipF_[g] = static_cast<int32_t>(std::min(std::min(w[0], w[1]), std::min(w[2], w[3])));
         skipB_[g] = static_cast<int32_t>(std::min(std::min(w[0], w[-1]), std::min(w[-2], w[-3])));
+    }
+    // Short skips, as next to a step or a gap, are worked out step by step:
+    // a skip of k crosses only the steps up to k past the group, so a large
+    // step further on does not limit it. (The steps before the line's start
+    // are 0, like those after its end.)
+    for (int32_t j = -kMaxSkip; j < 0; ++j) step2[j] = 0.0;
+    for (g = 0; g < groups; ++g) {
+        const double* s = step2 + (g << kGroupShift);
+        const double inside = std::max(std::max(s[0], s[1]), s[2]);  // crossed by every skip of the group
+        if (skipF_[g] < kRefineBelow) {
+            double most = inside;
+            int32_t k = 0;
+            while (k < kMaxSkip && (most = std::max(most, s[3 + k])) < below[k + 1]) ++k;
+            skipF_[g] = k;
+        }
+        if (skipB_[g] < kRefineBelow) {
+            double most = inside;
+            int32_t k = 0;
+            while (k < kMaxSkip && (most = std::max(most, s[-1 - k])) < below[k + 1]) ++k;
+            skipB_[g] = k;
+        }
     }
 }
 
