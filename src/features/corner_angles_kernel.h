@@ -77,8 +77,9 @@ constexpr int32_t kGroupReach = 16;
 constexpr int32_t kRefineBelow = 6;
 // Groups searched before their angles are computed together.
 constexpr int32_t kBlockGroups = 32;
-// A point searched alone tests this many points before the path bound.
-constexpr int32_t kScanBeforeBound = 8;
+// A point searched alone tests this many points before the path bound (the
+// points of the last, incomplete group nearly always find theirs sooner).
+constexpr int32_t kScanBeforeBound = 32;
 // Coordinates are NaN this far on both sides (a group reads up to
 // kMaxSkip + 2 + kGroup - 1 past the line's ends).
 constexpr int32_t kPad = 24;
@@ -333,9 +334,10 @@ struct GroupLine {
 // within the group's reach; returns the points left to the caller through
 // pending (bit l of group g: pending[g] & (1 << l)), with the next point to
 // test on an unfinished side j stored as -1 - j in back / fwd. Returns the
-// number of points covered by whole groups.
+// number of points covered by whole groups; anyPending tells whether any
+// point is left.
 template <class O>
-PA_CORNER_INLINE int32_t groupKernel(const GroupLine& L, uint8_t* pending) {
+PA_CORNER_INLINE int32_t groupKernel(const GroupLine& L, uint8_t* pending, bool& anyPending) {
     using V = typename O::V;
     const int32_t m = L.m;
     const V t = O::set1(L.t);
@@ -393,18 +395,22 @@ PA_CORNER_INLINE int32_t groupKernel(const GroupLine& L, uint8_t* pending) {
                 L.back[k] = (b.found >> l) & 1u ? k - static_cast<int32_t>(bOff[l]) : -1 - bNext;
             }
             pending[g] = static_cast<uint8_t>(open);
+            anyPending |= open != 0;
         }
     }
     return k0;
 }
 
 #if defined(PA_CORNER_AVX2)
-__attribute__((target("avx2"), flatten, noinline)) inline int32_t groupKernelAvx2(const GroupLine& L, uint8_t* pending) {
-    return groupKernel<Avx2>(L, pending);
+__attribute__((target("avx2"), flatten, noinline)) inline int32_t groupKernelAvx2(const GroupLine& L, uint8_t* pending,
+                                                                                  bool& anyPending) {
+    return groupKernel<Avx2>(L, pending, anyPending);
 }
 #endif
 
-inline int32_t groupKernelPortable(const GroupLine& L, uint8_t* pending) { return groupKernel<Portable>(L, pending); }
+inline int32_t groupKernelPortable(const GroupLine& L, uint8_t* pending, bool& anyPending) {
+    return groupKernel<Portable>(L, pending, anyPending);
+}
 
 // Approximate corner angle of one point (lane 0 of the four-lane form, so
 // the same bits as in a group).
@@ -798,13 +804,14 @@ inline void CornerAngleList::findNeighboursAndAngles(double armLen, bool avx2) {
     uint8_t* pending = reinterpret_cast<uint8_t*>(maxima_);
     const GroupLine line{y_, z_, skipF_, skipB_, back_, fwd_, approxC_, m, t_};
     int32_t done = 0;
+    bool anyPending = false;
 #if defined(PA_CORNER_AVX2)
-    if (avx2) done = groupKernelAvx2(line, pending);
+    if (avx2) done = groupKernelAvx2(line, pending, anyPending);
     else
 #endif
-        done = groupKernelPortable(line, pending);
+        done = groupKernelPortable(line, pending, anyPending);
     (void)avx2;
-    for (int32_t g = 0; g < (done >> kGroupShift); ++g) {
+    for (int32_t g = 0; anyPending && g < (done >> kGroupShift); ++g) {
         if (!pending[g]) continue;
         for (int32_t l = 0; l < kGroup; ++l) {
             if (!((pending[g] >> l) & 1u)) continue;

@@ -51,13 +51,15 @@ bool sameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 // Profiles of one kind: 0 evenly spaced and smooth, 1 flats and steps, 2 runs
 // of invalid points, 3 repeated points, 4 vertical walls, 5 non-finite
-// coordinates, 6 a mix of all.
+// coordinates, 6 a mix of all, 7 a straight line (distances equal the
+// polyline, so the path bound of long searches is tight).
 std::vector<SKesp3DPosition> profile(testutil::Rng& rng, int kind, int n, double pitch) {
     std::vector<SKesp3DPosition> p;
     double y = 0, z = rng.uniform(5, 50);
     const double inf = std::numeric_limits<double>::infinity();
     for (int i = 0; i < n; ++i) {
         const int k = kind == 6 ? static_cast<int>(rng.integer(0, 5)) : kind;
+        if (k == 7) z += 0.5 * pitch;
         bool advance = true;
         double zi;
         switch (k) {
@@ -77,6 +79,8 @@ std::vector<SKesp3DPosition> profile(testutil::Rng& rng, int kind, int n, double
             case 4:
                 advance = rng.integer(0, 4) != 0;
                 z += advance ? rng.uniform(-0.2, 0.2) * pitch : rng.uniform(0.5, 3.0) * pitch;
+                break;
+            case 7:
                 break;
             default:
                 z += rng.uniform(-0.5, 0.5) * pitch;
@@ -105,6 +109,7 @@ double armFor(testutil::Rng& rng, double pitch) {
         case 4: return std::numeric_limits<double>::infinity();
         case 5: return -1.0;
         case 6: return pitch * 40;
+        case 8: return pitch * rng.uniform(60, 200);  // far past the group reach
         case 7: return pitch * static_cast<double>(rng.integer(1, 14));  // exactly k pitches: ties at the arm
         default: return pitch * rng.uniform(0.5, 16);
     }
@@ -124,8 +129,8 @@ TEST(CornerAngles, KernelsMatchPlainVersion) {
     testutil::Rng rng(23);
     const bool avx2 = pa_detail::cpuHasAvx2();
     for (int trial = 0; trial < 1500; ++trial) {
-        const int kind = trial % 7;
-        const int n = static_cast<int>(rng.integer(0, trial % 10 == 0 ? 900 : 160));
+        const int kind = trial % 8;
+        const int n = static_cast<int>(rng.integer(0, trial % 10 == 0 || kind == 7 ? 900 : 160));
         const double pitch = rng.integer(0, 3) == 0 ? 0.1 : rng.uniform(0.01, 2);
         const std::vector<SKesp3DPosition> p = profile(rng, kind, n, pitch);
         const double armLen = armFor(rng, pitch);
