@@ -532,6 +532,11 @@ int32_t compactValid(const SKesp3DPosition* points, int32_t count, double jumpZ,
     for (int32_t i = 0; i < count; ++i) {
 #if defined(__GNUC__)
         __builtin_prefetch(points + std::min(i + kPrefetchAhead, count - 1));
+        // The lines written next are claimed early, once per line of eight.
+        if ((i & 7) == 0) {
+            __builtin_prefetch(y + m + kPad, 1);
+            __builtin_prefetch(z + m + kPad, 1);
+        }
 #endif
         const double zi = points[i].z;
         if (!isStrictlyValidZ(zi)) {
