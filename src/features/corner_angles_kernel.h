@@ -680,10 +680,16 @@ inline void CornerAngleList::findSkips(double armLen) {
     for (int32_t h = 1; h <= kSpan; ++h) own[-h] = static_cast<float>(kMaxSkip);
     for (int32_t h = groups; h < groups + kSpan + kGroup; ++h) own[h] = static_cast<float>(kMaxSkip);
     static_assert(kSpan == 3, "the windows span the group and three on each side");
+    // A window of the group and h more on the side searched covers the steps
+    // of skips up to 4h + 1 forward (the group's last point crosses three
+    // steps of its own) and 4h backward: the narrower windows may allow more
+    // within their reach.
     for (g = 0; g < groups; ++g) {
         const float* w = own + g;
-        skipF_[g] = static_cast<int32_t>(std::min(std::min(w[0], w[1]), std::min(w[2], w[3])));
-        skipB_[g] = static_cast<int32_t>(std::min(std::min(w[0], w[-1]), std::min(w[-2], w[-3])));
+        const float f1 = std::min(w[0], w[1]), f2 = std::min(f1, w[2]), f3 = std::min(f2, w[3]);
+        const float b1 = std::min(w[0], w[-1]), b2 = std::min(b1, w[-2]), b3 = std::min(b2, w[-3]);
+        skipF_[g] = static_cast<int32_t>(std::max(std::max(std::min(f1, 5.0f), std::min(f2, 9.0f)), f3));
+        skipB_[g] = static_cast<int32_t>(std::max(std::max(std::min(b1, 4.0f), std::min(b2, 8.0f)), b3));
     }
     // Short skips, as next to a step or a gap, are worked out step by step:
     // a skip of k crosses only the steps up to k past the group, so a large
