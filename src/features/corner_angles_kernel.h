@@ -640,9 +640,8 @@ inline void CornerAngleList::findSkips(double armLen) {
     }
     for (int32_t j = m - 1; j < padded + kGroup * kGroup; ++j) step2[j] = 0.0;  // the last round of four reads past
     // Each group's own skip, the largest k with its largest squared step L
-    // below below[k] (they fall with k), as a float in its largest step's
-    // room. (Floats hold 0 .. kMaxSkip exactly.)
-    float* own = reinterpret_cast<float*>(largest_);
+    // below below[k] (they fall with k), in its largest step's room.
+    int32_t* own = reinterpret_cast<int32_t*>(largest_);
     auto fits = [&below](double L, int32_t k) {
         while (k > 0 && !(L < below[k])) --k;
         return k;
@@ -668,28 +667,27 @@ inline void CornerAngleList::findSkips(double armLen) {
         alignas(16) int32_t k[4];
         _mm_store_si128(reinterpret_cast<__m128i*>(k),
                         _mm_cvttps_epi32(_mm_min_ps(_mm_mul_ps(_mm_rsqrt_ps(lf), rf), most)));
-        for (int32_t h = 0; h < kGroup; ++h) k[h] = fits(L[h], k[h]);
-        _mm_storeu_ps(own + g, _mm_cvtepi32_ps(_mm_load_si128(reinterpret_cast<const __m128i*>(k))));
+        for (int32_t h = 0; h < kGroup; ++h) own[g + h] = fits(L[h], k[h]);
     }
 #else
     for (; g < groups; ++g) {
         const double* s4 = step2 + (g << kGroupShift);
-        own[g] = static_cast<float>(fits(std::max(std::max(s4[0], s4[1]), std::max(s4[2], s4[3])), kMaxSkip));
+        own[g] = fits(std::max(std::max(s4[0], s4[1]), std::max(s4[2], s4[3])), kMaxSkip);
     }
 #endif
-    for (int32_t h = 1; h <= kSpan; ++h) own[-h] = static_cast<float>(kMaxSkip);
-    for (int32_t h = groups; h < groups + kSpan + kGroup; ++h) own[h] = static_cast<float>(kMaxSkip);
+    for (int32_t h = 1; h <= kSpan; ++h) own[-h] = kMaxSkip;
+    for (int32_t h = groups; h < groups + kSpan + kGroup; ++h) own[h] = kMaxSkip;
     static_assert(kSpan == 3, "the windows span the group and three on each side");
     // A window of the group and h more on the side searched covers the steps
     // of skips up to 4h + 1 forward (the group's last point crosses three
     // steps of its own) and 4h backward: the narrower windows may allow more
     // within their reach.
     for (g = 0; g < groups; ++g) {
-        const float* w = own + g;
-        const float f1 = std::min(w[0], w[1]), f2 = std::min(f1, w[2]), f3 = std::min(f2, w[3]);
-        const float b1 = std::min(w[0], w[-1]), b2 = std::min(b1, w[-2]), b3 = std::min(b2, w[-3]);
-        skipF_[g] = static_cast<int32_t>(std::max(std::max(std::min(f1, 5.0f), std::min(f2, 9.0f)), f3));
-        skipB_[g] = static_cast<int32_t>(std::max(std::max(std::min(b1, 4.0f), std::min(b2, 8.0f)), b3));
+        const int32_t* w = own + g;
+        const int32_t f1 = std::min(w[0], w[1]), f2 = std::min(f1, w[2]), f3 = std::min(f2, w[3]);
+        const int32_t b1 = std::min(w[0], w[-1]), b2 = std::min(b1, w[-2]), b3 = std::min(b2, w[-3]);
+        skipF_[g] = std::max(std::max(std::min(f1, 5), std::min(f2, 9)), f3);
+        skipB_[g] = std::max(std::max(std::min(b1, 4), std::min(b2, 8)), b3);
     }
     // Short skips, as next to a step or a gap, are worked out step by step:
     // a skip of k crosses only the steps up to k past the group, so a large
