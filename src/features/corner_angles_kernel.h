@@ -257,6 +257,10 @@ PA_CORNER_INLINE typename O::V approxCornerAngle(typename O::V yk, typename O::V
 
 inline double exactChordAngle(double dz, double dy) { return radToDegLiteral(std::atan(dz / std::fabs(dy))); }
 
+// The offsets of a first round as doubles (broadcast from memory rather
+// than converted).
+constexpr double kOffsets[kMaxSkip + 3] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14};
+
 // One side's search for the four points of a group.
 template <class O>
 struct SideSearch {
@@ -286,7 +290,7 @@ PA_CORNER_INLINE void searchSide(const double* yg, const double* zg, int32_t ski
     const V yo1 = O::load(yg + kDir * (o + 1)), zo1 = O::load(zg + kDir * (o + 1));
     const V r0 = reaches(yo0, zo0);
     V found = O::orV(r0, reaches(yo1, zo1));
-    V off = O::select(r0, O::set1(static_cast<double>(o)), O::set1(static_cast<double>(o + 1)));
+    V off = O::select(r0, O::set1(kOffsets[o]), O::set1(kOffsets[o + 1]));
     V yE = O::select(r0, yo0, yo1), zE = O::select(r0, zo0, zo1);
     // Lanes not yet found hold anything; the later rounds overwrite them.
     auto test = [&](int32_t o) {
@@ -371,7 +375,7 @@ PA_CORNER_INLINE int32_t groupKernel(const GroupLine& L, uint8_t* pending, bool&
         // Neighbour indices, -1 unless both sides reached (whole numbers,
         // exact in double).
         const V bothMask = O::andV(f.foundMask, b.foundMask);
-        const V kv = O::add(O::set1(static_cast<double>(k0)), lanes);
+        const V kv = O::add(O::set1(static_cast<double>(k0)), lanes);  // k0 + l
         O::storeInt(L.fwd + k0, O::select(bothMask, O::add(kv, f.off), minusOne));
         O::storeInt(L.back + k0, O::select(bothMask, O::sub(kv, b.off), minusOne));
         pending[g] = 0;
