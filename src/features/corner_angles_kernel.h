@@ -192,7 +192,11 @@ using Portable = Scalar4;
 // The four-lane helpers below pass AVX registers by value; the AVX2 kernel
 // is flattened, so every one of them is inlined into it and no call crosses
 // the ABI boundary.
+// (The note is issued at the end of the including file, so it stays off
+// there too.)
+#if !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wpsabi"
+#endif
 #define PA_AVX2_FN static inline __attribute__((target("avx2")))
 struct Avx2 {
     using V = __m256d;
@@ -536,7 +540,8 @@ int32_t compactValid(const SKesp3DPosition* points, int32_t count, double jumpZ,
     for (int32_t i = 0; i < count; ++i) {
 #if defined(__GNUC__)
         __builtin_prefetch(points + std::min(i + kPrefetchAhead, count - 1));
-        // The lines written next are claimed early, once per line of eight.
+        // The output lines written next are claimed early, once every eight
+        // points.
         if ((i & 7) == 0) {
             __builtin_prefetch(y + m + kPad, 1);
             __builtin_prefetch(z + m + kPad, 1);
