@@ -377,9 +377,10 @@ struct CornerIndexList {
 /// otherwise, so all decisions equal those taken on the exact angles. The arm
 /// angles, tested only on the surviving corners, are computed exactly.
 ///
-/// The neighbours are searched for four points at a time; with avx2 (which
-/// the caller has checked the processor has) those searches run on AVX2,
-/// with the same operations lane for lane, so both choices give the same bits.
+/// With avx2 (which the caller has checked the processor has) the neighbours
+/// are searched for four points at a time on AVX2; otherwise point by point
+/// along the polyline. Both give the same neighbours and, with the same
+/// operations lane for lane, the same approximate angles.
 class CornerAngleList {
 public:
     enum class Angle { Backward, Forward, Corner };
@@ -450,6 +451,8 @@ private:
     void allocate(std::size_t n);
     void findSkips(double armLen);
     void findNeighboursAndAngles(double armLen, bool avx2);
+    void findNeighboursAlongPath(double armLen);
+    void approximateAngles();
     void computePath();
     int32_t forwardFrom(int32_t k, int32_t j);
     int32_t backwardFrom(int32_t k, int32_t j);

@@ -416,9 +416,7 @@ __attribute__((target("avx2"), flatten, noinline)) inline int32_t groupKernelAvx
 }
 #endif
 
-inline int32_t groupKernelPortable(const GroupLine& L, uint8_t* pending, bool& anyPending) {
-    return groupKernel<Portable>(L, pending, anyPending);
-}
+
 
 // Approximate corner angle of one point (lane 0 of the four-lane form, so
 // the same bits as in a group).
@@ -810,25 +808,28 @@ inline void CornerAngleList::findNeighboursAndAngles(double armLen, bool avx2) {
     if (!(pathReach_ < kLargestBoundedArm)) pathReach_ = -std::numeric_limits<double>::infinity();
     pathGrow_ = 1.0 + 2.0 * static_cast<double>(m + 8) * kEps;
     pathKnown_ = false;
-    findSkips(armLen);
-
     if (std::isnan(t_)) {
         // A NaN arm: no distance reaches it, no point has angles.
         for (int32_t k = 0; k < m; ++k) back_[k] = fwd_[k] = -1;
         return;
     }
+#if defined(PA_CORNER_AVX2)
+    if (!avx2)
+#endif
+    {
+        // Two doubles per vector do not pay for the group search.
+        findNeighboursAlongPath(armLen);
+        approximateAngles();
+        return;
+    }
+#if defined(PA_CORNER_AVX2)
+    findSkips(armLen);
     // The groups' unfinished points are flagged in the maxima's room (two
     // bytes a point), free until the extrema are found.
     uint8_t* pending = reinterpret_cast<uint8_t*>(maxima_);
     const GroupLine line{y_, z_, skipF_, skipB_, back_, fwd_, approxC_, m, t_};
-    int32_t done = 0;
     bool anyPending = false;
-#if defined(PA_CORNER_AVX2)
-    if (avx2) done = groupKernelAvx2(line, pending, anyPending);
-    else
-#endif
-        done = groupKernelPortable(line, pending, anyPending);
-    (void)avx2;
+    const int32_t done = groupKernelAvx2(line, pending, anyPending);
     for (int32_t g = 0; anyPending && g < (done >> kGroupShift); ++g) {
         if (!pending[g]) continue;
         for (int32_t l = 0; l < kGroup; ++l) {
@@ -845,6 +846,100 @@ inline void CornerAngleList::findNeighboursAndAngles(double armLen, bool avx2) {
         const int32_t b = backwardFrom(k, k - 1);
         finishPoint(k, b, b >= 0 ? forwardFrom(k, k + 1) : -1);
     }
+#endif
+}
+
+// For each point the first point backward and forward at distance >= armLen,
+// one point after the other. A point cannot be farther from k than the
+// polyline between them, so the points whose polyline distance to k is
+// provably shorter than the arm are skipped; both skip bounds only move
+// forward as k does. The scan then starts at the first point that might
+// reach, which leaves the result that of the plain scan from k's neighbour
+// outward.
+inline void CornerAngleList::findNeighboursAlongPath(double armLen) {
+    using namespace corner_angles;
+    computePath();
+    const int32_t m = m_;
+    const double t = t_;
+    // The skip needs a margin for the rounding of the path sums and of the
+    // distance; without a finite path, or for arms too large to square
+    // safely, it is switched off.
+    const double total = path_[m - 1];
+    double reach = -std::numeric_limits<double>::infinity();
+    if (std::isfinite(total) && armLen < kLargestBoundedArm)
+        reach = armLen - (armLen * kArmSlack + 8.0 * m * kEps * total);
+    if (std::isnan(reach)) reach = -std::numeric_limits<double>::infinity();
+
+    const double* y = y_;
+    const double* z = z_;
+    const double* path = path_;
+    int32_t lo = 0;  // points lo .. k-1 are provably within the arm backward
+    int32_t hi = 0;  // points k+1 .. hi-1 are provably within the arm forward
+    for (int32_t k = 0; k < m; ++k) {
+        const double yk = y[k], zk = z[k], pk = path[k];
+        auto reaches = [&](int32_t j) {
+            const double dy = yk - y[j], dz = zk - z[j];
+            return dy * dy + dz * dz >= t;
+        };
+        // Branches rather than arithmetic on purpose: a predicted branch lets
+        // the next point start before the path load that moves the bound.
+        while (lo < k && !(pk - path[lo] < reach)) ++lo;
+        int32_t b = lo - 1;
+        while (b >= 0 && !reaches(b)) --b;
+        if (hi <= k) hi = k + 1;
+        while (path[hi] - pk < reach) ++hi;  // stops at the +inf padding
+        int32_t f = -1;
+        if (b >= 0) {
+            f = hi;
+            while (f < m && !reaches(f)) ++f;
+            if (f == m) f = -1;
+        }
+        if (f < 0) b = -1;
+        back_[k] = b;
+        fwd_[k] = f;
+    }
+}
+
+// Approximate corner angles after findNeighboursAlongPath, four points at a
+// time. The backward chord of a point is usually the forward chord of its
+// backward neighbour, whose angle (the same operations on the same
+// differences) is then reused, so most points cost one angle instead of two.
+inline void CornerAngleList::approximateAngles() {
+    using namespace corner_angles;
+    using O = Portable;
+    using V = O::V;
+    const int32_t m = m_;
+    const double* y = y_;
+    const double* z = z_;
+    const int32_t* back = back_;
+    const int32_t* fwd = fwd_;
+    double* fA = path_;  // the path lengths are no longer needed
+    const V sign = O::set1(-0.0);
+    auto sharesChord = [&](int32_t k) {
+        const int32_t b = back[k];
+        return b >= 0 && fwd[b] == k;
+    };
+    // A backward neighbour lies before its point, so its forward angle is
+    // stored by the time the point's backward chord needs it. Points without
+    // angles read the NaN padding and get a NaN nothing reads.
+    int32_t k = 0;
+    for (; k + 4 <= m; k += 4) {
+        const int32_t* f = fwd + k;
+        const int32_t* b = back + k;
+        const V yk = O::load(y + k), zk = O::load(z + k);
+        const V yf = O::set(y[f[0]], y[f[1]], y[f[2]], y[f[3]]), zf = O::set(z[f[0]], z[f[1]], z[f[2]], z[f[3]]);
+        const V fwdA = approxChordAngle<O>(O::sub(zf, zk), O::andNot(sign, O::sub(yf, yk)));
+        O::store(fA + k, fwdA);
+        V bA;
+        if (sharesChord(k) && sharesChord(k + 1) && sharesChord(k + 2) && sharesChord(k + 3)) {
+            bA = O::set(fA[b[0]], fA[b[1]], fA[b[2]], fA[b[3]]);
+        } else {
+            const V yb = O::set(y[b[0]], y[b[1]], y[b[2]], y[b[3]]), zb = O::set(z[b[0]], z[b[1]], z[b[2]], z[b[3]]);
+            bA = approxChordAngle<O>(O::sub(zk, zb), O::andNot(sign, O::sub(yk, yb)));
+        }
+        O::store(approxC_ + k, O::sub(bA, fwdA));
+    }
+    for (; k < m; ++k) approxC_[k] = approxCornerOne(y, z, k, back[k], fwd[k]);
 }
 
 inline void CornerAngleList::build(const SKesp3DPosition* points, int32_t count, double jumpZ, double armLen,
