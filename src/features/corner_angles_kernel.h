@@ -4,19 +4,22 @@
 // Compaction, arm-length neighbours, chord angles and the extrema of the
 // corner angle (see CornerAngleList in internal.h).
 //
-// The neighbours of four consecutive points are searched side by side, one
-// offset at a time (one load per offset and side serves all four). A point
-// cannot be farther from k than the polyline between them, so a group starts
-// past a skip: as many steps as the largest step near the group fits into
-// the arm, separately forward and backward. The first offset that reaches is
-// kept per point, with the point it reached, so the chord angles of the four
-// points are computed from registers. Points whose neighbours lie beyond the
-// group's reach are finished one by one, the polyline length from the first
-// point bounding the rest of the way. The group loop runs on AVX2 where the
-// processor has it, with the same operations lane for lane.
+// Where the processor has AVX2, the neighbours of four consecutive points
+// are searched side by side in one register, one offset at a time (one load
+// per offset and side serves all four). A point cannot be farther from k
+// than the polyline between them, so a group starts past a skip: as many
+// steps as the largest step near the group fits into the arm, separately
+// forward and backward. The first offset that reaches is kept per point, with
+// the point it reached, so the chord angles of the four points are computed
+// from registers. Points whose neighbours lie beyond the group's reach are
+// finished one by one, the polyline length from the first point bounding the
+// rest of the way. Without AVX2 (two doubles per vector do not pay for the
+// group search) every point is searched along the polyline, as the points
+// left over by the groups are. Both give the same neighbours, and their
+// angles come from the same operations lane for lane.
 //
-// The kernel lives in this header so that the tests can run its portable and
-// AVX2 paths side by side.
+// The kernel lives in this header so that the tests can run both paths side
+// by side.
 #ifndef PROFILE_ANALYSIS_CORNER_ANGLES_KERNEL_H
 #define PROFILE_ANALYSIS_CORNER_ANGLES_KERNEL_H
 

@@ -1,7 +1,8 @@
 // The direction angles shared by the corner and jump detectors, with the
-// portable and the AVX2 group searches side by side: neighbours, extrema and
-// approximate corner angles against the plain version on profiles built to
-// exercise the skips, the group searches and the searches of single points.
+// portable search along the polyline and the AVX2 group search side by side:
+// neighbours, extrema and approximate corner angles against the plain
+// version on profiles built to exercise the skips, the group searches, the
+// searches of single points and the path bounds.
 #include <cmath>
 #include <cstring>
 #include <limits>
