@@ -120,10 +120,8 @@ struct Sse2 {
     static V orV(V x, V y) { return V{_mm_or_pd(x.a, y.a), _mm_or_pd(x.b, y.b)}; }
     static V andNot(V x, V y) { return V{_mm_andnot_pd(x.a, y.a), _mm_andnot_pd(x.b, y.b)}; }
     static V select(V mask, V x, V y) { return orV(andV(mask, x), andNot(mask, y)); }
-    // x < y ? x : y and x > y ? x : y (y when either is NaN).
+    // x < y ? x : y (y when either is NaN).
     static V min(V x, V y) { return V{_mm_min_pd(x.a, y.a), _mm_min_pd(x.b, y.b)}; }
-    static V max(V x, V y) { return V{_mm_max_pd(x.a, y.a), _mm_max_pd(x.b, y.b)}; }
-    static V sqrt(V x) { return V{_mm_sqrt_pd(x.a), _mm_sqrt_pd(x.b)}; }
     // Stores the lanes, whole numbers within int32_t, as int32_t.
     static void storeInt(int32_t* p, V v) {
         _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm_unpacklo_epi64(_mm_cvttpd_epi32(v.a), _mm_cvttpd_epi32(v.b)));
@@ -177,8 +175,6 @@ struct Scalar4 {
     static V andNot(V x, V y) { return map(x, y, [](double a, double b) { return cooked(~raw(a) & raw(b)); }); }
     static V select(V mask, V x, V y) { return orV(andV(mask, x), andNot(mask, y)); }
     static V min(V x, V y) { return map(x, y, [](double a, double b) { return a < b ? a : b; }); }
-    static V max(V x, V y) { return map(x, y, [](double a, double b) { return a > b ? a : b; }); }
-    static V sqrt(V x) { return map(x, x, [](double a, double) { return std::sqrt(a); }); }
     static void storeInt(int32_t* p, V v) {
         for (int i = 0; i < 4; ++i) p[i] = static_cast<int32_t>(v.l[i]);
     }
