@@ -55,6 +55,16 @@ inline void growRange(SKespRangeD& r, double v) {
 /// The value of pi the angle-based detectors (corners, jumps, glove arcs) use
 /// on purpose, and their conversion: angle * 180 / pi, evaluated in that order.
 constexpr double kPiLiteral = 3.141592654;
+/// True when the processor has AVX2, so that kernels compiled for it may run.
+inline bool cpuHasAvx2() {
+#if defined(__GNUC__) && defined(__x86_64__)
+    __builtin_cpu_init();  // needed only before constructors run; cheap once done
+    return __builtin_cpu_supports("avx2");
+#else
+    return false;
+#endif
+}
+
 /// pi / 2 to double precision (the range of the arc tangent).
 constexpr double kHalfPi = 1.57079632679489661923;
 inline double radToDegLiteral(double radians) { return radians * 180.0 / kPiLiteral; }
@@ -393,6 +403,11 @@ struct CornerIndexList {
 /// tolerance away from the boundary and from the exact one-argument atan
 /// otherwise, so all decisions equal those taken on the exact angles. The arm
 /// angles, tested only on the surviving corners, are computed exactly.
+///
+/// With avx2 (which the caller has checked the processor has) the neighbours
+/// are searched for four points at a time on AVX2; otherwise point by point
+/// along the polyline. Both give the same neighbours and, with the same
+/// operations lane for lane, the same approximate angles.
 class CornerAngleList {
 public:
     enum class Angle { Backward, Forward, Corner };
@@ -401,14 +416,20 @@ public:
     /// runs of valid points, cut where |dz| between consecutive valid points
     /// exceeds jumpZ, are appended to it. minima are found only if keepMinima.
     void build(const SKesp3DPosition* points, int32_t count, double jumpZ, double armLen, bool keepMinima,
-               std::vector<CornerSegment>* segments);
+               std::vector<CornerSegment>* segments, bool avx2);
 
     int32_t size() const { return m_; }
     int32_t inputIndex(int32_t k) const { return idx_[k]; }
     double y(int32_t k) const { return y_[k]; }
+    /// Compacted index of the backward / forward neighbour, -1 for a point
+    /// without angles.
+    int32_t backward(int32_t k) const { return back_[k]; }
+    int32_t forward(int32_t k) const { return fwd_[k]; }
     /// z of the backward / forward neighbour (only for points with angles).
     double backwardZ(int32_t k) const { return z_[back_[k]]; }
     double forwardZ(int32_t k) const { return z_[fwd_[k]]; }
+    /// The approximate corner angle (only for points with angles).
+    double approxCorner(int32_t k) const { return approxC_[k]; }
     /// Compacted indices of the extrema of the corner angle, in line order.
     CornerIndexList maxima() const { return CornerIndexList{maxima_, maxCount_}; }
     CornerIndexList minima() const { return CornerIndexList{minima_, minCount_}; }
@@ -434,6 +455,12 @@ public:
         }
         return exactLess(a, k, limit, absolute);
     }
+    /// Positions in cands of the candidates whose corner angle (magnitude, with
+    /// absolute) is not clearly below limit: every candidate for which
+    /// less(Corner, q, limit, absolute) can be false. Screened without
+    /// branches, as on noisy profiles most candidates fail at random; valid
+    /// until the next call.
+    CornerIndexList notClearlyBelow(CornerIndexList cands, double limit, bool absolute);
     /// Exactly `corner(o) > corner(q)`; with absolute, of their magnitudes.
     bool cornerGreater(int32_t o, int32_t q, bool absolute) const;
     /// True when a candidate of cands within 2 * armLen along y of cands[pos]
@@ -449,8 +476,14 @@ private:
     bool exactGreater(Angle a, int32_t k, double limit, bool absolute) const;
     bool exactLess(Angle a, int32_t k, double limit, bool absolute) const;
     void allocate(std::size_t n);
-    void findNeighbours(double armLen);
+    void findSkips(double armLen);
+    void findNeighboursAndAngles(double armLen, bool avx2);
+    void findNeighboursAlongPath(double armLen);
     void approximateAngles();
+    void computePath();
+    int32_t forwardFrom(int32_t k, int32_t j);
+    int32_t backwardFrom(int32_t k, int32_t j);
+    void finishPoint(int32_t k, int32_t b, int32_t f);
     void findExtrema(bool keepMinima);
 
     int32_t m_ = 0;
@@ -462,13 +495,21 @@ private:
     int32_t* fwd_ = nullptr;           // forward neighbour, -1 when k has no angles
     int32_t* maxima_ = nullptr;
     int32_t* minima_ = nullptr;
+    int32_t* skipF_ = nullptr;         // per group of four points: points provably within the arm forward
+    int32_t* skipB_ = nullptr;         // ... and backward
+    int32_t* screened_ = nullptr;      // positions kept by notClearlyBelow
     std::size_t maxCount_ = 0;
     std::size_t minCount_ = 0;
     double* y_ = nullptr;              // padded on both sides with NaN (never within reach)
     double* z_ = nullptr;
     double* path_ = nullptr;           // polyline length from point 0 to point k, +inf after m;
-                                       // later the approximate forward angles
+                                       // computed only when a search walks far
     double* approxC_ = nullptr;        // approximate corner angle
+    double* largest_ = nullptr;        // per group: its largest squared step, padded with 0
+    double t_ = 0.0;                   // squared distances >= t_ reach the arm
+    double pathReach_ = 0.0;           // path bound of the far searches
+    double pathGrow_ = 1.0;
+    bool pathKnown_ = false;
 };
 
 // ---------------------------------------------------------------------------

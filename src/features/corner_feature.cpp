@@ -3,7 +3,7 @@
 #include <cmath>
 #include <vector>
 
-#include "internal.h"
+#include "corner_angles_kernel.h"
 
 using pa_detail::CornerAngleList;
 using pa_detail::CornerSegment;
@@ -35,10 +35,12 @@ int32_t cornerType(const CornerAngleList& list, int32_t q, const SHX_cornerParam
     return kTypeOtherCorner;
 }
 
-void appendCorners(const SKesp3DPosition* points, const CornerAngleList& list, int32_t lineIdx,
+void appendCorners(const SKesp3DPosition* points, CornerAngleList& list, int32_t lineIdx,
                    const SHX_cornerParam& param, std::vector<SHX_basicFeature1D>& out) {
     const pa_detail::CornerIndexList cands = list.maxima();
-    for (size_t pos = 0; pos < cands.size(); ++pos) {
+    const pa_detail::CornerIndexList kept = list.notClearlyBelow(cands, param.minCornerAngle, false);
+    for (size_t i = 0; i < kept.size(); ++i) {
+        const size_t pos = static_cast<size_t>(kept[i]);
         const int32_t q = cands[pos];
         if (list.less(CornerAngleList::Angle::Corner, q, param.minCornerAngle, false)) continue;
         if (list.outranked(cands, pos, param.armLen, false)) continue;
@@ -72,7 +74,7 @@ PA_API void hx_getLineCornerFeature(const SKesp3DPosition* points, int32_t point
 
     CornerAngleList list;
     std::vector<CornerSegment> segs;
-    list.build(points, pointCount, param.jumpZ, param.armLen, false, &segs);
+    list.build(points, pointCount, param.jumpZ, param.armLen, false, &segs, pa_detail::cpuHasAvx2());
     appendCorners(points, list, lineIdx, param, out->features);
 
     joinSegments(points, segs, param);

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <vector>
 
-#include "internal.h"
+#include "corner_angles_kernel.h"
 
 using pa_detail::CornerAngleList;
 
@@ -26,10 +26,12 @@ struct TypedCorner {
 // Appends the extrema that pass the angle limit, survive suppression and have
 // one flat and one steep arm. Convex corners are judged on the corner angle,
 // concave ones on its magnitude.
-void typeCorners(const CornerAngleList& list, pa_detail::CornerIndexList cands, bool concave,
+void typeCorners(CornerAngleList& list, pa_detail::CornerIndexList cands, bool concave,
                  const SHX_cornerParam& param, std::vector<TypedCorner>& out) {
     using A = CornerAngleList::Angle;
-    for (size_t pos = 0; pos < cands.size(); ++pos) {
+    const pa_detail::CornerIndexList kept = list.notClearlyBelow(cands, param.minCornerAngle, concave);
+    for (size_t i = 0; i < kept.size(); ++i) {
+        const size_t pos = static_cast<size_t>(kept[i]);
         const int32_t q = cands[pos];
         if (list.less(A::Corner, q, param.minCornerAngle, concave)) continue;
         if (list.outranked(cands, pos, param.armLen, concave)) continue;
@@ -61,7 +63,7 @@ PA_API void hx_getLineJumpFeature_cornerMethod(const SKesp3DPosition* points, in
     if (points == nullptr || pointCount < 1) return;
 
     CornerAngleList list;
-    list.build(points, pointCount, param.jumpZ, param.armLen, true, nullptr);
+    list.build(points, pointCount, param.jumpZ, param.armLen, true, nullptr, pa_detail::cpuHasAvx2());
 
     std::vector<TypedCorner> convex, concave;
     typeCorners(list, list.maxima(), false, param, convex);
