@@ -55,19 +55,9 @@ inline void growRange(SKespRangeD& r, double v) {
 /// The value of pi the angle-based detectors (corners, jumps, glove arcs) use
 /// on purpose, and their conversion: angle * 180 / pi, evaluated in that order.
 constexpr double kPiLiteral = 3.141592654;
-/// True when the processor has AVX2, so that kernels compiled for it may run.
-inline bool cpuHasAvx2() {
-#if defined(__GNUC__) && defined(__x86_64__)
-    __builtin_cpu_init();  // needed only before constructors run; cheap once done
-    return __builtin_cpu_supports("avx2");
-#else
-    return false;
-#endif
-}
-
+inline double radToDegLiteral(double radians) { return radians * 180.0 / kPiLiteral; }
 /// pi / 2 to double precision (the range of the arc tangent).
 constexpr double kHalfPi = 1.57079632679489661923;
-inline double radToDegLiteral(double radians) { return radians * 180.0 / kPiLiteral; }
 
 /// Smallest squared distance d2 with sqrt(d2) >= len, so that a distance test
 /// against an arm or chord length needs no square root and decides exactly as

@@ -35,11 +35,6 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
-#if defined(__GNUC__) && defined(__x86_64__)
-#include <immintrin.h>
-#define PA_CORNER_AVX2 1
-#endif
-
 #include "../internal.h"
 
 #if defined(__GNUC__)
@@ -187,7 +182,7 @@ struct Scalar4 {
 using Portable = Scalar4;
 #endif
 
-#if defined(PA_CORNER_AVX2)
+#if PA_AVX2_KERNELS
 // The four-lane helpers below pass AVX registers by value; the AVX2 kernel
 // is flattened, so every one of them is inlined into it and no call crosses
 // the ABI boundary.
@@ -408,7 +403,7 @@ PA_CORNER_INLINE int32_t groupKernel(const GroupLine& L, uint8_t* pending, bool&
     return k0;
 }
 
-#if defined(PA_CORNER_AVX2)
+#if PA_AVX2_KERNELS
 __attribute__((target("avx2"), flatten, noinline)) inline int32_t groupKernelAvx2(const GroupLine& L, uint8_t* pending,
                                                                                   bool& anyPending) {
     return groupKernel<Avx2>(L, pending, anyPending);
@@ -799,6 +794,9 @@ inline void CornerAngleList::finishPoint(int32_t k, int32_t b, int32_t f) {
 // neighbours at -1, where the NaN padding lies, and a NaN angle nothing reads.
 inline void CornerAngleList::findNeighboursAndAngles(double armLen, bool avx2) {
     using namespace corner_angles;
+#if !PA_AVX2_KERNELS
+    (void)avx2;  // only the portable search is built in
+#endif
     const int32_t m = m_;
     t_ = squaredReachThreshold(armLen);
     // The path bound needs a margin for the rounding of the path sums and of
@@ -812,7 +810,7 @@ inline void CornerAngleList::findNeighboursAndAngles(double armLen, bool avx2) {
         for (int32_t k = 0; k < m; ++k) back_[k] = fwd_[k] = -1;
         return;
     }
-#if defined(PA_CORNER_AVX2)
+#if PA_AVX2_KERNELS
     if (!avx2)
 #endif
     {
@@ -821,7 +819,7 @@ inline void CornerAngleList::findNeighboursAndAngles(double armLen, bool avx2) {
         approximateAngles();
         return;
     }
-#if defined(PA_CORNER_AVX2)
+#if PA_AVX2_KERNELS
     findSkips(armLen);
     // The groups' unfinished points are flagged in the maxima's room (two
     // bytes a point), free until the extrema are found.

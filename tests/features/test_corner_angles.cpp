@@ -128,7 +128,7 @@ void expectSameList(const pa_detail::CornerIndexList& got, const std::vector<int
 // bit between the kernels and lie within the tolerance of the exact ones.
 TEST(CornerAngles, KernelsMatchPlainVersion) {
     testutil::Rng rng(23);
-    const bool avx2 = pa_detail::cpuHasAvx2();
+    const bool avx2 = pa_detail::avx2KernelsUsable();
     for (int trial = 0; trial < 1500; ++trial) {
         const int kind = trial % 8;
         const int n = static_cast<int>(rng.integer(0, trial % 10 == 0 || kind == 7 ? 900 : 160));
@@ -175,7 +175,7 @@ TEST(CornerAngles, KernelsMatchPlainVersion) {
 // groups settle in their first round, the points next to a step search alone.
 TEST(CornerAngles, LongScannerLinesMatchPlainVersion) {
     testutil::Rng rng(29);
-    const bool avx2 = pa_detail::cpuHasAvx2();
+    const bool avx2 = pa_detail::avx2KernelsUsable();
     for (int trial = 0; trial < 40; ++trial) {
         const int n = 2048;
         std::vector<SKesp3DPosition> p;
