@@ -205,6 +205,26 @@ private:
     std::unique_ptr<ExtremumCandidate[]> split_;
 };
 
+/// One point of the candidate scan past its first rise or fall: point i with
+/// value v follows prev (value prevV); rising is the trend so far (1 rising,
+/// 0 falling). The trend after i is set by the sign of the change (a level or
+/// NaN change keeps it); a change of the trend makes prev a candidate. prev is
+/// written into the next free slot of order every time and the count n
+/// advances only for a candidate, so noisy stretches, where candidates come
+/// at random, cost no branch. (A select rather than arithmetic on the old
+/// trend keeps the chain from one point to the next one instruction long.)
+inline void trendStep(int32_t* order, size_t& n, int32_t& prev, double& prevV, unsigned& rising, int32_t i,
+                      double v) {
+    const double d = v - prevV;
+    const unsigned up = d > 0, down = d < 0;
+    const unsigned next = (up | down) ? up : rising;
+    order[n] = prev;
+    n += next ^ rising;
+    rising = next;
+    prev = i;
+    prevV = v;
+}
+
 /// Candidate scan along a line: the valid points (z >= 0.0001) are fed in
 /// line order with the value compared (z for local peaks, the height above the
 /// base line for flat-line peaks); invalid points are simply not fed, so gaps
@@ -265,20 +285,7 @@ inline void scanExtremumCandidates(const SKesp3DPosition* points, int32_t count,
     }
     const bool firstIsPeak = trend > 0;
     unsigned rising = firstIsPeak ? 1u : 0u;
-    // Point i with value v follows prev. The trend after it is set by the sign
-    // of the change; a change of the trend makes prev a candidate. (A select
-    // rather than arithmetic on the old trend keeps the chain from one point
-    // to the next one instruction long.)
-    const auto step = [&](int32_t i, double v) {
-        const double d = v - prevV;
-        const unsigned up = d > 0, down = d < 0;
-        const unsigned next = (up | down) ? up : rising;
-        order[n] = prev;
-        n += next ^ rising;
-        rising = next;
-        prev = i;
-        prevV = v;
-    };
+    const auto step = [&](int32_t i, double v) { trendStep(order, n, prev, prevV, rising, i, v); };
     // Four points at a time. Where all four are valid and none of their
     // changes goes against the trend (the usual case away from noisy flats),
     // none of them is a candidate and only the last one is kept; otherwise

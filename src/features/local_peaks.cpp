@@ -232,19 +232,8 @@ __attribute__((target("avx2"))) size_t scanCandidatesAvx2(SKesp3DPosition* point
     }
     firstIsPeak = trend > 0;
     unsigned rising = firstIsPeak ? 1u : 0u;
-    // One point at a time (as the portable scanner): the previous index goes
-    // into the next free slot every time, the count advances on a turn.
-    const auto step = [&](int32_t k) {
-        const double v = points[k].z;
-        const double d = v - prevV;
-        const unsigned up = d > 0, down = d < 0;
-        const unsigned next = (up | down) ? up : rising;
-        order[n] = prev;
-        n += next ^ rising;
-        rising = next;
-        prev = k;
-        prevV = v;
-    };
+    // One point at a time, as the portable scanner does.
+    const auto step = [&](int32_t k) { pa_detail::trendStep(order, n, prev, prevV, rising, k, points[k].z); };
     const __m256d validZ = _mm256_set1_pd(pa_detail::kValidZ);
     const __m256i lanes = _mm256_setr_epi64x(0, 1, 2, 3);
     for (int32_t chunkEnd = i; i + kBlock <= count; i += kBlock) {
