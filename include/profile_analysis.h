@@ -19,6 +19,9 @@
 //  - Output vectors are appended to and never cleared, unless a routine's
 //    comment says it replaces its output. Routines that change their inputs in
 //    place say so.
+//  - Results do not depend on the processor: the local-peak, corner, jump and
+//    glove-arc detectors run AVX2 kernels where the processor has AVX2 (chosen
+//    at run time) and portable ones elsewhere, and both give the same bits.
 #ifndef PROFILE_ANALYSIS_H
 #define PROFILE_ANALYSIS_H
 
