@@ -111,35 +111,33 @@ SHX_outlierFilterParam outlierParam() {
     return p;
 }
 
-void BM_hx_lineDataRemoveOutlier(benchmark::State& state) {
+// The two copying variants share one signature: the line is read, the kept
+// points copied to out and the removed indices listed.
+using CopyingOutlierFilter = void (*)(const SKesp3DPosition*, int32_t, SHX_outlierFilterParam,
+                                      std::vector<SKesp3DPosition>&, std::vector<int32_t>&);
+
+void runCopyingOutlierFilter(benchmark::State& state, CopyingOutlierFilter filter) {
     auto& scan = speckledScan();
     std::vector<SKesp3DPosition> out;
     std::vector<int32_t> removed;
     for (auto _ : state) {
         for (const auto& line : scan) {
             removed.clear();
-            hx_lineDataRemoveOutlier(line.data(), kPoints, outlierParam(), out, removed);
+            filter(line.data(), kPoints, outlierParam(), out, removed);
             benchmark::DoNotOptimize(out.data());
         }
         benchmark::ClobberMemory();
     }
     setLineCounters(state);
 }
+
+void BM_hx_lineDataRemoveOutlier(benchmark::State& state) {
+    runCopyingOutlierFilter(state, hx_lineDataRemoveOutlier);
+}
 BENCHMARK(BM_hx_lineDataRemoveOutlier)->Unit(benchmark::kMicrosecond);
 
 void BM_hx_lineDataRemoveOutlier_ptDistMethod(benchmark::State& state) {
-    auto& scan = speckledScan();
-    std::vector<SKesp3DPosition> out;
-    std::vector<int32_t> removed;
-    for (auto _ : state) {
-        for (const auto& line : scan) {
-            removed.clear();
-            hx_lineDataRemoveOutlier_ptDistMethod(line.data(), kPoints, outlierParam(), out, removed);
-            benchmark::DoNotOptimize(out.data());
-        }
-        benchmark::ClobberMemory();
-    }
-    setLineCounters(state);
+    runCopyingOutlierFilter(state, hx_lineDataRemoveOutlier_ptDistMethod);
 }
 BENCHMARK(BM_hx_lineDataRemoveOutlier_ptDistMethod)->Unit(benchmark::kMicrosecond);
 
