@@ -116,6 +116,29 @@ double armFor(testutil::Rng& rng, double pitch) {
     }
 }
 
+// Plain segmentation: runs of valid points, cut where consecutive heights
+// differ by more than jumpZ.
+std::vector<pa_detail::CornerSegment> plainSegments(const std::vector<SKesp3DPosition>& p, double jumpZ) {
+    std::vector<pa_detail::CornerSegment> segs;
+    int first = -1, last = -1;
+    auto close = [&] {
+        if (first >= 0) segs.push_back({first, last - first + 1, 1});
+        first = -1;
+    };
+    for (size_t i = 0; i < p.size(); ++i) {
+        const int ii = static_cast<int>(i);
+        if (!(p[i].z > 0.0001)) {
+            close();
+            continue;
+        }
+        if (first >= 0 && std::fabs(p[i].z - p[i - 1].z) > jumpZ) close();  // NaN steps do not cut
+        if (first < 0) first = ii;
+        last = ii;
+    }
+    close();
+    return segs;
+}
+
 void expectSameList(const pa_detail::CornerIndexList& got, const std::vector<int>& want, const char* what) {
     ASSERT_EQ(got.size(), want.size()) << what;
     for (size_t i = 0; i < want.size(); ++i) EXPECT_EQ(got[i], want[i]) << what << " " << i;
@@ -135,7 +158,11 @@ TEST(CornerAngles, KernelsMatchPlainVersion) {
         const double pitch = rng.integer(0, 3) == 0 ? 0.1 : rng.uniform(0.01, 2);
         const std::vector<SKesp3DPosition> p = profile(rng, kind, n, pitch);
         const double armLen = armFor(rng, pitch);
+        // Small cuts split the runs often, so that blocks of four fall back to
+        // single points.
+        const double jumpZ = trial % 3 == 0 ? pitch * 0.1 : 1.0;
         SCOPED_TRACE(testing::Message() << "trial " << trial << " kind " << kind << " n " << n << " arm " << armLen);
+        const std::vector<pa_detail::CornerSegment> segments = plainSegments(p, jumpZ);
 
         const cornerref::Angles ref = cornerref::angles(p.data(), n, armLen);
         std::vector<int> back, fwd;
@@ -146,8 +173,14 @@ TEST(CornerAngles, KernelsMatchPlainVersion) {
         for (int useAvx2 = 0; useAvx2 <= (avx2 ? 1 : 0); ++useAvx2) {
             SCOPED_TRACE(useAvx2 ? "avx2" : "portable");
             CornerAngleList& list = lists[useAvx2];
-            list.build(p.data(), n, 1.0, armLen, true, nullptr, useAvx2 != 0);
+            std::vector<pa_detail::CornerSegment> segs;
+            list.build(p.data(), n, jumpZ, armLen, true, &segs, useAvx2 != 0);
             ASSERT_EQ(list.size(), static_cast<int32_t>(ref.pts.size()));
+            ASSERT_EQ(segs.size(), segments.size());
+            for (size_t s = 0; s < segs.size(); ++s) {
+                EXPECT_EQ(segs[s].startIdx, segments[s].startIdx) << s;
+                EXPECT_EQ(segs[s].ptNum, segments[s].ptNum) << s;
+            }
             for (int32_t k = 0; k < list.size(); ++k) {
                 const size_t ks = static_cast<size_t>(k);
                 ASSERT_EQ(list.inputIndex(k), ref.pts[ks].nPointIdx) << k;
