@@ -4,9 +4,10 @@
 // Compaction, arm-length neighbours, chord angles and the extrema of the
 // corner angle (see CornerAngleList in internal.h).
 //
-// Where the processor has AVX2, the neighbours of four consecutive points
-// are searched side by side in one register, one offset at a time (one load
-// per offset and side serves all four). A point cannot be farther from k
+// Where the processor has AVX2, the valid points are compacted four at a
+// time, and the neighbours of four consecutive points are searched side by
+// side in one register, one offset at a time (one load per offset and side
+// serves all four). A point cannot be farther from k
 // than the polyline between them, so a group starts past a skip: as many
 // steps as the largest step near the group fits into the arm, separately
 // forward and backward. The first offset that reaches is kept per point, with
@@ -567,6 +568,92 @@ int32_t compactValid(const SKesp3DPosition* points, int32_t count, double jumpZ,
     return m;
 }
 
+#if PA_AVX2_KERNELS
+// The same compaction four input points at a time: the y and z of four points
+// are gathered into two registers, and four valid points that open a run or
+// continue the open one without a cut are written at once. Any other block
+// (an invalid point, a cut) goes point by point as above, so both give the
+// same lists and segments.
+template <bool kSegments>
+__attribute__((target("avx2"), noinline)) int32_t compactValidAvx2(const SKesp3DPosition* points, int32_t count,
+                                                                   double jumpZ, int32_t* idx, double* y, double* z,
+                                                                   std::vector<CornerSegment>* segments) {
+    static_assert(offsetof(SKesp3DPosition, z) == offsetof(SKesp3DPosition, y) + sizeof(double),
+                  "y and z are loaded as one pair");
+    int32_t m = 0;
+    bool open = false;
+    int32_t first = 0, last = 0;
+    auto onePoint = [&](int32_t i) {
+        const double zi = points[i].z;
+        if (!isStrictlyValidZ(zi)) {
+            if (kSegments && open) {
+                segments->push_back(CornerSegment{first, last - first + 1, 1});
+                open = false;
+            }
+            return;
+        }
+        idx[m] = i;
+        y[m] = points[i].y;
+        z[m] = zi;
+        if (kSegments) {
+            if (!open) {
+                open = true;
+                first = last = i;
+            } else if (std::fabs(zi - z[m - 1]) > jumpZ) {
+                segments->push_back(CornerSegment{first, last - first + 1, 1});
+                first = last = i;
+            } else {
+                last = i;
+            }
+        }
+        ++m;
+    };
+    const __m256d threshold = _mm256_set1_pd(kValidZ), cut = _mm256_set1_pd(jumpZ);
+    const __m256d magnitude = _mm256_castsi256_pd(_mm256_set1_epi64x(0x7fffffffffffffffLL));
+    const __m128i lanes = _mm_setr_epi32(0, 1, 2, 3);
+    int32_t i = 0;
+    for (; i + 4 <= count; i += 4) {
+        __builtin_prefetch(points + std::min(i + kPrefetchAhead, count - 1));
+        __builtin_prefetch(points + std::min(i + kPrefetchAhead + 2, count - 1));
+        __builtin_prefetch(y + m + kPad, 1);
+        __builtin_prefetch(z + m + kPad, 1);
+        const SKesp3DPosition* p = points + i;
+        // (y0, z0 | y2, z2) and (y1, z1 | y3, z3) interleave to (y0 .. y3), (z0 .. z3).
+        const __m256d a = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(&p[0].y)), _mm_loadu_pd(&p[2].y), 1);
+        const __m256d b = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(&p[1].y)), _mm_loadu_pd(&p[3].y), 1);
+        const __m256d y4 = _mm256_unpacklo_pd(a, b), z4 = _mm256_unpackhi_pd(a, b);
+        if (_mm256_movemask_pd(_mm256_cmp_pd(z4, threshold, _CMP_GT_OQ)) != 0xF) {
+            for (int32_t l = 0; l < 4; ++l) onePoint(i + l);
+            continue;
+        }
+        if (kSegments) {
+            // The height before each point: the last compacted one, then z0 .. z2
+            // (lane 0 does not count when no run is open).
+            const __m256d rotated = _mm256_permute4x64_pd(z4, _MM_SHUFFLE(2, 1, 0, 3));
+            const __m256d before = _mm256_blend_pd(rotated, _mm256_set1_pd(open ? z[m - 1] : 0.0), 1);
+            const __m256d step = _mm256_and_pd(_mm256_sub_pd(z4, before), magnitude);
+            const unsigned cuts = static_cast<unsigned>(_mm256_movemask_pd(_mm256_cmp_pd(step, cut, _CMP_GT_OQ)));
+            if ((cuts & (open ? 0xFu : 0xEu)) != 0) {
+                for (int32_t l = 0; l < 4; ++l) onePoint(i + l);
+                continue;
+            }
+            if (!open) {
+                open = true;
+                first = i;
+            }
+            last = i + 3;
+        }
+        _mm256_storeu_pd(y + m, y4);
+        _mm256_storeu_pd(z + m, z4);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(idx + m), _mm_add_epi32(_mm_set1_epi32(i), lanes));
+        m += 4;
+    }
+    for (; i < count; ++i) onePoint(i);
+    if (kSegments && open) segments->push_back(CornerSegment{first, last - first + 1, 1});
+    return m;
+}
+#endif
+
 }  // namespace corner_angles
 
 // ---------------------------------------------------------------------------
@@ -947,8 +1034,16 @@ inline void CornerAngleList::build(const SKesp3DPosition* points, int32_t count,
     if (points == nullptr || count < 1) return;
     allocate(static_cast<std::size_t>(count));
 
+#if PA_AVX2_KERNELS
+    const int32_t m =
+        avx2 ? (segments ? compactValidAvx2<true>(points, count, jumpZ, idx_, y_, z_, segments)
+                         : compactValidAvx2<false>(points, count, jumpZ, idx_, y_, z_, nullptr))
+             : (segments ? compactValid<true>(points, count, jumpZ, idx_, y_, z_, segments)
+                         : compactValid<false>(points, count, jumpZ, idx_, y_, z_, nullptr));
+#else
     const int32_t m = segments ? compactValid<true>(points, count, jumpZ, idx_, y_, z_, segments)
                                : compactValid<false>(points, count, jumpZ, idx_, y_, z_, nullptr);
+#endif
     m_ = m;
     if (m == 0) return;
     const double nan = std::numeric_limits<double>::quiet_NaN();
