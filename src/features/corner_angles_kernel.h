@@ -519,53 +519,70 @@ void trendExtrema(const CornerAngleList& list, const int32_t* back, const double
 // too long for the processor to run far enough ahead on its own.
 constexpr int32_t kPrefetchAhead = 64;
 
-// Copies the valid points' input index, y and z to the front of idx, y and z
-// and returns their number. With kSegments the runs of valid points, cut
-// where consecutive heights differ by more than jumpZ, are appended to
-// segments. While a run is open its previous input point is valid, so it is
-// the last compacted one.
+// Copies the valid points' input index, y and z to the front of idx, y and z,
+// one point at a time. With kSegments the runs of valid points, cut where
+// consecutive heights differ by more than jumpZ, are appended to segments.
+// While a run is open its previous input point is valid, so it is the last
+// compacted one.
+template <bool kSegments>
+struct Compaction {
+    const SKesp3DPosition* points;
+    double jumpZ;
+    int32_t* idx;
+    double* y;
+    double* z;
+    std::vector<CornerSegment>* segments;
+    int32_t m = 0;  // points copied
+    bool open = false;
+    int32_t first = 0, last = 0;  // input indices of the open run
+
+    void closeRun() {
+        segments->push_back(CornerSegment{first, last - first + 1, 1});
+        open = false;
+    }
+    void add(int32_t i) {
+        const double zi = points[i].z;
+        if (!isStrictlyValidZ(zi)) {
+            if (kSegments && open) closeRun();
+            return;
+        }
+        idx[m] = i;
+        y[m] = points[i].y;
+        z[m] = zi;
+        if (kSegments) {
+            if (open && std::fabs(zi - z[m - 1]) > jumpZ) closeRun();
+            if (!open) {
+                open = true;
+                first = i;
+            }
+            last = i;
+        }
+        ++m;
+    }
+    // Closes the last run and returns the number of points copied.
+    int32_t finish() {
+        if (kSegments && open) closeRun();
+        return m;
+    }
+};
+
 template <bool kSegments>
 int32_t compactValid(const SKesp3DPosition* points, int32_t count, double jumpZ, int32_t* idx, double* y, double* z,
                      std::vector<CornerSegment>* segments) {
-    int32_t m = 0;
-    bool open = false;
-    int32_t first = 0, last = 0;
+    Compaction<kSegments> c{points, jumpZ, idx, y, z, segments};
     for (int32_t i = 0; i < count; ++i) {
 #if defined(__GNUC__)
         __builtin_prefetch(points + std::min(i + kPrefetchAhead, count - 1));
         // The output lines written next are claimed early, once every eight
         // points.
         if ((i & 7) == 0) {
-            __builtin_prefetch(y + m + kPad, 1);
-            __builtin_prefetch(z + m + kPad, 1);
+            __builtin_prefetch(y + c.m + kPad, 1);
+            __builtin_prefetch(z + c.m + kPad, 1);
         }
 #endif
-        const double zi = points[i].z;
-        if (!isStrictlyValidZ(zi)) {
-            if (kSegments && open) {
-                segments->push_back(CornerSegment{first, last - first + 1, 1});
-                open = false;
-            }
-            continue;
-        }
-        idx[m] = i;
-        y[m] = points[i].y;
-        z[m] = zi;
-        if (kSegments) {
-            if (!open) {
-                open = true;
-                first = last = i;
-            } else if (std::fabs(zi - z[m - 1]) > jumpZ) {
-                segments->push_back(CornerSegment{first, last - first + 1, 1});
-                first = last = i;
-            } else {
-                last = i;
-            }
-        }
-        ++m;
+        c.add(i);
     }
-    if (kSegments && open) segments->push_back(CornerSegment{first, last - first + 1, 1});
-    return m;
+    return c.finish();
 }
 
 #if PA_AVX2_KERNELS
@@ -580,34 +597,7 @@ __attribute__((target("avx2"), noinline)) int32_t compactValidAvx2(const SKesp3D
                                                                    std::vector<CornerSegment>* segments) {
     static_assert(offsetof(SKesp3DPosition, z) == offsetof(SKesp3DPosition, y) + sizeof(double),
                   "y and z are loaded as one pair");
-    int32_t m = 0;
-    bool open = false;
-    int32_t first = 0, last = 0;
-    auto onePoint = [&](int32_t i) {
-        const double zi = points[i].z;
-        if (!isStrictlyValidZ(zi)) {
-            if (kSegments && open) {
-                segments->push_back(CornerSegment{first, last - first + 1, 1});
-                open = false;
-            }
-            return;
-        }
-        idx[m] = i;
-        y[m] = points[i].y;
-        z[m] = zi;
-        if (kSegments) {
-            if (!open) {
-                open = true;
-                first = last = i;
-            } else if (std::fabs(zi - z[m - 1]) > jumpZ) {
-                segments->push_back(CornerSegment{first, last - first + 1, 1});
-                first = last = i;
-            } else {
-                last = i;
-            }
-        }
-        ++m;
-    };
+    Compaction<kSegments> c{points, jumpZ, idx, y, z, segments};
     const __m256d threshold = _mm256_set1_pd(kValidZ), cut = _mm256_set1_pd(jumpZ);
     const __m256d magnitude = _mm256_castsi256_pd(_mm256_set1_epi64x(0x7fffffffffffffffLL));
     const __m128i lanes = _mm_setr_epi32(0, 1, 2, 3);
@@ -615,42 +605,41 @@ __attribute__((target("avx2"), noinline)) int32_t compactValidAvx2(const SKesp3D
     for (; i + 4 <= count; i += 4) {
         __builtin_prefetch(points + std::min(i + kPrefetchAhead, count - 1));
         __builtin_prefetch(points + std::min(i + kPrefetchAhead + 2, count - 1));
-        __builtin_prefetch(y + m + kPad, 1);
-        __builtin_prefetch(z + m + kPad, 1);
+        __builtin_prefetch(y + c.m + kPad, 1);
+        __builtin_prefetch(z + c.m + kPad, 1);
         const SKesp3DPosition* p = points + i;
         // (y0, z0 | y2, z2) and (y1, z1 | y3, z3) interleave to (y0 .. y3), (z0 .. z3).
         const __m256d a = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(&p[0].y)), _mm_loadu_pd(&p[2].y), 1);
         const __m256d b = _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(&p[1].y)), _mm_loadu_pd(&p[3].y), 1);
         const __m256d y4 = _mm256_unpacklo_pd(a, b), z4 = _mm256_unpackhi_pd(a, b);
-        if (_mm256_movemask_pd(_mm256_cmp_pd(z4, threshold, _CMP_GT_OQ)) != 0xF) {
-            for (int32_t l = 0; l < 4; ++l) onePoint(i + l);
-            continue;
-        }
-        if (kSegments) {
+        bool alone = _mm256_movemask_pd(_mm256_cmp_pd(z4, threshold, _CMP_GT_OQ)) != 0xF;
+        if (kSegments && !alone) {
             // The height before each point: the last compacted one, then z0 .. z2
             // (lane 0 does not count when no run is open).
             const __m256d rotated = _mm256_permute4x64_pd(z4, _MM_SHUFFLE(2, 1, 0, 3));
-            const __m256d before = _mm256_blend_pd(rotated, _mm256_set1_pd(open ? z[m - 1] : 0.0), 1);
+            const __m256d before = _mm256_blend_pd(rotated, _mm256_set1_pd(c.open ? z[c.m - 1] : 0.0), 1);
             const __m256d step = _mm256_and_pd(_mm256_sub_pd(z4, before), magnitude);
             const unsigned cuts = static_cast<unsigned>(_mm256_movemask_pd(_mm256_cmp_pd(step, cut, _CMP_GT_OQ)));
-            if ((cuts & (open ? 0xFu : 0xEu)) != 0) {
-                for (int32_t l = 0; l < 4; ++l) onePoint(i + l);
-                continue;
-            }
-            if (!open) {
-                open = true;
-                first = i;
-            }
-            last = i + 3;
+            alone = (cuts & (c.open ? 0xFu : 0xEu)) != 0;
         }
-        _mm256_storeu_pd(y + m, y4);
-        _mm256_storeu_pd(z + m, z4);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(idx + m), _mm_add_epi32(_mm_set1_epi32(i), lanes));
-        m += 4;
+        if (alone) {
+            for (int32_t l = 0; l < 4; ++l) c.add(i + l);
+            continue;
+        }
+        if (kSegments) {
+            if (!c.open) {
+                c.open = true;
+                c.first = i;
+            }
+            c.last = i + 3;
+        }
+        _mm256_storeu_pd(y + c.m, y4);
+        _mm256_storeu_pd(z + c.m, z4);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(idx + c.m), _mm_add_epi32(_mm_set1_epi32(i), lanes));
+        c.m += 4;
     }
-    for (; i < count; ++i) onePoint(i);
-    if (kSegments && open) segments->push_back(CornerSegment{first, last - first + 1, 1});
-    return m;
+    for (; i < count; ++i) c.add(i);
+    return c.finish();
 }
 #endif
 
