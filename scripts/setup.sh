@@ -3,7 +3,7 @@
 # apt-get; elsewhere it names what is missing and stops.
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config libopencv-dev libgtest-dev libbenchmark-dev)
+packages=(cmake g++ make pkg-config libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev libgtest-dev libbenchmark-dev)
 
 missing=()
 for p in "${packages[@]}"; do
@@ -16,7 +16,7 @@ if ! command -v dpkg-query >/dev/null 2>&1; then
   for tool in cmake g++ make pkg-config; do
     command -v "$tool" >/dev/null 2>&1 || { echo "setup: '$tool' is missing; install it with your package manager" >&2; exit 1; }
   done
-  pkg-config --exists opencv4 || { echo "setup: OpenCV (core, imgproc) development files are missing" >&2; exit 1; }
+  pkg-config --exists opencv4 || [ -e /usr/include/opencv4/opencv2/core.hpp ] || { echo "setup: OpenCV (core, imgproc, imgcodecs) development files are missing" >&2; exit 1; }
   echo "setup: not a Debian/Ubuntu system: make sure GoogleTest and Google Benchmark are installed" >&2
   exit 0
 fi
