@@ -646,9 +646,11 @@ PA_API void hx_getFlatLineLocalPeaks_vector(const std::vector<SKesp3DPosition>& 
 /// change is below minRunHeight are dropped. A run whose largest single step
 /// exceeds jumpHeight gives a step (1 rising, 2 falling) at the step's lower
 /// point; otherwise a run higher than jumpHeight that is steeper than 2 (|dz/dy|
-/// between the valid neighbours of its largest step) and whose high end lies
-/// more than 2 indices from every segment end gives a flank (3 rising, 4
-/// falling) at the step's upper point. A rising run followed by a falling run
+/// between the array neighbours of its largest step, the points just before
+/// and after it whether measured or not, so an invalid neighbour enters with
+/// its z; the step's own point stands in at either end of the array) and whose
+/// high end lies more than 2 indices from every segment end gives a flank (3
+/// rising, 4 falling) at the step's upper point. A rising run followed by a falling run
 /// whose sides match within zTol / yTol is a V (5) at the deeper top; a step or
 /// flank within 5.0 along y of a V is arbitrated against it (the overall depth
 /// change of the V against 40.0 decides). Finally a step followed by a step of

@@ -84,8 +84,6 @@ private:
 
     void keepHighRuns(const int32_t* turns, size_t turnCount, int32_t firstStart, bool firstRising,
                       int32_t lastIdx);
-    int32_t prevValid(int32_t i) const;
-    int32_t nextValid(int32_t i) const;
     bool farFromSegmentEnds(int32_t idx) const;
     int32_t nearestZ(const SlopeRun& r, double v) const;
     void findLargestStep(SlopeRun& r) const;
@@ -237,19 +235,6 @@ void LineKernel::findLargestStep(SlopeRun& r) const {
     }
 }
 
-// Neighbours across invalid points; the point itself when there is none.
-int32_t LineKernel::prevValid(int32_t i) const {
-    for (int32_t k = i - 1; k >= 0; --k)
-        if (isValidZ(p_[k].z)) return k;
-    return i;
-}
-
-int32_t LineKernel::nextValid(int32_t i) const {
-    for (int32_t k = i + 1; k < n_; ++k)
-        if (isValidZ(p_[k].z)) return k;
-    return i;
-}
-
 // True when idx lies more than kFlankMinEdgeIndices from every segment start and end.
 bool LineKernel::farFromSegmentEnds(int32_t idx) const {
     const auto& b = s_.segBounds;
@@ -309,7 +294,11 @@ Candidate LineKernel::candidateOf(const SlopeRun& r) const {
         return c;
     }
     if (!(std::fabs(runHeight(r)) > slope_.jumpHeight)) return c;
-    const int32_t a = prevValid(r.stepStartIdx), b = nextValid(r.stepEndIdx);
+    // The steepness is taken between the step's array neighbours, measured or
+    // not: a flank that runs into a dropout is compared with the dropout's z,
+    // so a flank falling into a shadow counts as steep.
+    const int32_t a = r.stepStartIdx > 0 ? r.stepStartIdx - 1 : r.stepStartIdx;
+    const int32_t b = r.stepEndIdx < n_ - 1 ? r.stepEndIdx + 1 : r.stepEndIdx;
     if (!(std::fabs((z(a) - z(b)) / (y(a) - y(b))) > kFlankMinSlope)) return c;
     if (!farFromSegmentEnds(r.rising ? r.endIdx : r.startIdx)) return c;
     // At the upper point of the step.

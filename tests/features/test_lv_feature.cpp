@@ -166,11 +166,9 @@ PlainResult plainStepsAndFlanks(const std::vector<SKesp3DPosition>& p, const Par
         if (std::fabs(S) > prm.jumpHeight) {
             feats.emplace_back(S > 0 ? 1 : 2, S > 0 ? r.stepStart : r.stepEnd);
         } else if (std::fabs(H) > prm.jumpHeight) {
-            int a = r.stepStart, b = r.stepEnd;
-            for (int k = r.stepStart - 1; k >= 0; --k)
-                if (valid(k)) { a = k; break; }
-            for (int k = r.stepEnd + 1; k < n; ++k)
-                if (valid(k)) { b = k; break; }
+            // The step's array neighbours, measured or not; the step's own ends at the array's ends.
+            const int a = r.stepStart > 0 ? r.stepStart - 1 : r.stepStart;
+            const int b = r.stepEnd < n - 1 ? r.stepEnd + 1 : r.stepEnd;
             if (!(std::fabs((z(a) - z(b)) / (y(a) - y(b))) > 2.0)) continue;
             const int hi = r.rising ? r.end : r.start;
             bool far = true;
@@ -253,6 +251,28 @@ TEST(LVFeature, FlankNeedsSteepnessAndDistanceFromSegmentEnds) {
     const SHX_lineFeature lf = run(pts, p);
     EXPECT_EQ(typesAt(lf.endings), (Found{{6, 0}, {7, 7}, {6, 9}, {7, 12}}));
     EXPECT_EQ(typesAt(lf.features), Found{});
+}
+
+TEST(LVFeature, FlankSteepnessUsesArrayNeighboursEvenWhenInvalid) {
+    // A measured profile whose falling side runs into a shadow (y 76.5, 77.5, ...).
+    // Rising run 3..7 with its step 5 -> 6 (56.75 > 5.5): a type 1 at 5, upper end
+    // 1.0 from the V at 7. Falling run 7..13, largest step 12 -> 13 (2.75): its
+    // neighbours are 11 (146) and 14 (0, invalid), |146 / -3| > 2, so a type 4 at
+    // 12, 5.0 from the V. Both near, |90.75 - 142| >= 40: the deeper (12) as type 3.
+    // Taking 13 itself instead of the invalid 14 gives |4 / -2| = 2: no flank, a type 1.
+    std::vector<SKesp3DPosition> pts = profile({91, 91.5, 91.5, 90.75, 91.5, 94, 150.75, 153, 151, 150.5, 148.5,
+                                                146, 144.75, 142, 0, 0, 0.00005},
+                                               1.0, 76.5);
+    for (auto& q : pts) q.x = -5.75;
+    const SHX_lineFeature lf = run(pts, Params{4.8122742776944847, 5.5, 0.82290904876223214, 5.762493233234312,
+                                               9.1800191223898437});
+    EXPECT_EQ(typesAt(lf.features), (Found{{3, 12}}));
+    EXPECT_EQ(typesAt(lf.endings), (Found{{6, 0}, {7, 13}}));
+    // Before the step likewise: the invalid point 0 enters with z 0, |(0 - 14) / (0 - 3)| > 2,
+    // where the step's own point 1 would give |(10 - 14) / (1 - 3)| = 2, no flank.
+    Params p;
+    p.yTol = 0.0;
+    EXPECT_EQ(features({0, 10, 12, 14, 16, 18, 17.5, 17.5, 17.5, 17.5}, 1.0, p), (Found{{3, 2}}));
 }
 
 // ---- Arbitration between a V and the candidates of its sides ----
