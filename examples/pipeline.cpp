@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <map>
 #include <sstream>
 
@@ -134,7 +135,61 @@ bool regularGrid(const Scan& scan) {
     return !scan.empty() && !scan.front().empty();
 }
 
+// The plane's height band: from just below the plane to half an object's
+// height above it. A floor fills a fair share of a scan; the lowest
+// well-filled band of an object seen without a floor is a sliver of it.
+constexpr double kBandBelowPlane = 0.5;
+constexpr double kBandAboveShareOfObjectHeight = 0.5;
+constexpr double kMinFloorShare = 0.10;
+// A flat floor's heights spread by its noise; points strewn evenly over the
+// band spread by 0.29 of its width. Above this share of the width the band
+// is a slice through a surface, not a floor.
+constexpr double kMaxFloorSpreadOfBand = 0.15;
+
+double bandWidth(const PipelineConfig& cfg) {
+    return kBandBelowPlane + kBandAboveShareOfObjectHeight * cfg.objectHeight;
+}
+
+// Heights of the points in the plane's band after levelling, and the same
+// points before, as standard deviations; and how many there are.
+void measureFloorBand(const Scan& raw, const Scan& levelled, double plane, const PipelineConfig& cfg,
+                      PipelineResult& r) {
+    double s1 = 0, s2 = 0, t1 = 0, t2 = 0;
+    r.floorPoints = 0;
+    for (size_t i = 0; i < levelled.size(); ++i)
+        for (size_t j = 0; j < levelled[i].size(); ++j) {
+            const double z = levelled[i][j].z, z0 = raw[i][j].z;
+            if (z < 0.0001 || z < plane - kBandBelowPlane || z > plane + kBandAboveShareOfObjectHeight * cfg.objectHeight)
+                continue;
+            ++r.floorPoints;
+            s1 += z0;
+            s2 += z0 * z0;
+            t1 += z;
+            t2 += z * z;
+        }
+    r.floorSpreadBefore = r.floorSpreadAfter = 0.0;
+    if (r.floorPoints > 1) {
+        const double m = static_cast<double>(r.floorPoints);
+        r.floorSpreadBefore = std::sqrt(std::max(0.0, s2 / m - (s1 / m) * (s1 / m)));
+        r.floorSpreadAfter = std::sqrt(std::max(0.0, t2 / m - (t1 / m) * (t1 / m)));
+    }
+    r.floorShare = r.validPoints > 0 ? static_cast<double>(r.floorPoints) / static_cast<double>(r.validPoints) : 0.0;
+}
+
 }  // namespace
+
+void judgeReferencePlane(PipelineResult& r, const PipelineConfig& cfg) {
+    char why[160];
+    r.planeDoubt.clear();
+    if (r.floorShare < kMinFloorShare) {
+        std::snprintf(why, sizeof why, "a floor holds at least %.0f%% of the points", 100.0 * kMinFloorShare);
+        r.planeDoubt = why;
+    } else if (r.floorSpreadAfter > kMaxFloorSpreadOfBand * bandWidth(cfg)) {
+        std::snprintf(why, sizeof why, "a flat floor spreads less than %.4g", kMaxFloorSpreadOfBand * bandWidth(cfg));
+        r.planeDoubt = why;
+    }
+    r.planeTrusted = r.planeDoubt.empty();
+}
 
 void deriveDefaults(const Scan& scan, PipelineConfig& c, bool builtIn) {
     double px = 1.0, py = 1.0;
@@ -179,38 +234,31 @@ PipelineResult runPipeline(Scan& scan, const PipelineConfig& cfg) {
     endStep("bounding box");
 
     // 2. Plane calibration and levelling with the height limit.
-    std::vector<std::vector<float>> rawZ(scan.size());
-    for (size_t i = 0; i < scan.size(); ++i)
-        for (const auto& p : scan[i]) rawZ[i].push_back(static_cast<float>(p.z));
     clock.run([&] { r.calib = hx_getPlaneCalibPara(lines.data(), n); });
     r.calibrated = r.calib.planeHeight != -1.0;
     double plane = 0.0;
     if (r.calibrated) {
-        plane = r.calib.planeHeight;
-        const double zCut = cfg.heightLimit > 0 ? plane + cfg.heightLimit : 0.0;
+        // Levelled on a copy first: the scan is only levelled when the plane
+        // is a floor to be trusted (or the user insists).
+        Scan levelled = scan;
+        auto levelledLines = linesOf(levelled);
+        const double zCut = cfg.heightLimit > 0 ? r.calib.planeHeight + cfg.heightLimit : 0.0;
         clock.run([&] {
-            for (auto& line : lines) lineDataRT(&line, r.calib.planeCalib, zCut);
+            for (auto& line : levelledLines) lineDataRT(&line, r.calib.planeCalib, zCut);
         });
         double R[3][3];
         for (int k = 0; k < 9; ++k) R[k / 3][k % 3] = r.calib.invRMatrix[k];
         r.tilt = rotationMatrixToEulerZYX(R);
-        // Floor spread: the points now within the floor band, before and after.
-        double s1 = 0, s2 = 0, t1 = 0, t2 = 0;
-        for (size_t i = 0; i < scan.size(); ++i)
-            for (size_t j = 0; j < scan[i].size(); ++j) {
-                const double z = scan[i][j].z, z0 = rawZ[i][j];
-                if (z0 >= 0.0001 && z < 0.0001) ++r.cutByHeightLimit;
-                if (z < 0.0001 || z < plane - 0.5 || z > plane + 0.5 * cfg.objectHeight) continue;
-                ++r.floorPoints;
-                s1 += z0;
-                s2 += z0 * z0;
-                t1 += z;
-                t2 += z * z;
-            }
-        if (r.floorPoints > 1) {
-            const double m = static_cast<double>(r.floorPoints);
-            r.floorSpreadBefore = std::sqrt(std::max(0.0, s2 / m - (s1 / m) * (s1 / m)));
-            r.floorSpreadAfter = std::sqrt(std::max(0.0, t2 / m - (t1 / m) * (t1 / m)));
+        measureFloorBand(scan, levelled, r.calib.planeHeight, cfg, r);
+        judgeReferencePlane(r, cfg);
+        r.levelled = r.planeTrusted || cfg.forceLevel;
+        if (r.levelled) {
+            plane = r.calib.planeHeight;
+            for (size_t i = 0; i < scan.size(); ++i)
+                for (size_t j = 0; j < scan[i].size(); ++j)
+                    r.cutByHeightLimit += scan[i][j].z >= 0.0001 && levelled[i][j].z < 0.0001;
+            scan.swap(levelled);
+            lines = linesOf(scan);
         }
     }
     endStep("calibration + levelling");

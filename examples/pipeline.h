@@ -25,6 +25,7 @@ struct PipelineConfig {
     double objectLength = 0.0;    ///< object size for L/V cleaning and the XY scan
     double objectWidth = 0.0;
     double barRadius = 0.0;       ///< largest half width of a round bar
+    bool forceLevel = false;      ///< level on the calibrated plane even when it is not trusted
 };
 
 /// One row of a tree table: the trees of one type grown from one detector.
@@ -51,9 +52,13 @@ struct PipelineResult {
 
     SHX_planeCalibPara calib;
     bool calibrated = false;
+    bool planeTrusted = false;            ///< the calibrated plane looks like a floor (see judgeReferencePlane)
+    std::string planeDoubt;               ///< why it does not, when it does not
+    bool levelled = false;                ///< the scan was levelled (trusted, or forced)
     SHX_EulerAngles tilt;                 ///< sensor tilt recovered from the inverse rotation
     double floorSpreadBefore = 0.0, floorSpreadAfter = 0.0;  ///< std dev of floor heights
     long floorPoints = 0;
+    double floorShare = 0.0;              ///< floorPoints / validPoints
     long cutByHeightLimit = 0;
 
     long smoothedChanged = 0;
@@ -96,6 +101,11 @@ struct PipelineResult {
     std::vector<SHX_featureTree> drawnTrees;    ///< trees of the detectors shown in the picture
     std::vector<std::vector<cv::Point>> barPaths;  ///< (line, point) of each bar's nodes
 };
+
+/// Whether a calibrated plane can be trusted as the scan's reference floor:
+/// its height band must hold a fair share of the valid points and be flat
+/// after levelling. Sets planeTrusted, and planeDoubt to the reason when not.
+void judgeReferencePlane(PipelineResult& r, const PipelineConfig& cfg);
 
 /// Fills the values left at 0 from the scan's extent and pitch.
 void deriveDefaults(const Scan& scan, PipelineConfig& cfg, bool builtIn);

@@ -34,6 +34,8 @@ void usage() {
         "Parameters (defaults derived from the scan's extent and point pitch p)\n"
         "  --height-limit V       levelling drops points higher than this above the plane\n"
         "                         (default off; built-in scan 40)\n"
+        "  --force-level          level the scan on the calibrated plane even when that plane\n"
+        "                         does not look like a floor (too few points in it, or not flat)\n"
         "  --object-height V      height above the plane that counts as an object (12 p)\n"
         "  --smooth-window N      smoothing span in points (5)\n"
         "  --feature-range V      neighbourhood of the peak detectors along y (40 p)\n"
@@ -90,6 +92,7 @@ Options parseArgs(int argc, char** argv) {
         else if (a == "--pitch-y") o.units.pitchY = num();
         else if (a == "--z-scale") o.units.zScale = num();
         else if (a == "--height-limit") o.cfg.heightLimit = num();
+        else if (a == "--force-level") o.cfg.forceLevel = true;
         else if (a == "--object-height") o.cfg.objectHeight = num();
         else if (a == "--smooth-window") o.cfg.smoothWindow = static_cast<int>(num());
         else if (a == "--feature-range") o.cfg.featureRange = num();
@@ -114,12 +117,29 @@ void printRange(const char* axis, const SKespRangeD& r) {
         std::printf("   %s  %10.3f .. %10.3f\n", axis, r.min, r.max);
 }
 
-const char* typeName(int type) {
-    static const char* names[16] = {"none",         "rising step", "falling step", "rising flank",
-                                    "falling flank", "V",           "segment start", "segment end",
-                                    "(8)",          "right angle 9", "right angle 10", "right angle 11",
-                                    "right angle 12", "minimum/arc", "maximum",       "corner"};
-    return type >= 0 && type < 16 ? names[type] : "?";
+// Why the calibrated plane is not taken as the scan's floor, with the figures.
+void printPlaneDoubt(const PipelineResult& r, const Options& o) {
+    std::printf("   the scan shows no reference plane it can trust:\n");
+    std::printf("   the calibrated plane (height %.4f) has %.2f%% of the valid points in its band (%ld of %ld)\n",
+                r.calib.planeHeight, 100.0 * r.floorShare, r.floorPoints, r.validPoints);
+    std::printf("   and they spread %.4f (std dev) after levelling, where %s\n", r.floorSpreadAfter,
+                r.planeDoubt.c_str());
+    if (o.cfg.forceLevel)
+        std::printf("   levelled on it all the same (--force-level)\n");
+    else
+        std::printf("   the scan is left unlevelled (--force-level levels it on that plane)\n");
+}
+
+void printLevelling(const PipelineResult& r, const Options& o, const SyntheticScanSpec* scene) {
+    std::printf("   plane height:          %.4f\n", r.calib.planeHeight);
+    std::printf("   recovered tilt:        roll %.4f pitch %.4f yaw %.4f degrees\n", r.tilt.roll, r.tilt.pitch,
+                r.tilt.yaw);
+    if (scene) std::printf("   built-in tilt:         roll %.4f pitch %.4f degrees\n", scene->rollDeg, scene->pitchDeg);
+    std::printf("   floor height spread:   %.4f before, %.4f after levelling (std dev, %ld floor points, %.1f%%)\n",
+                r.floorSpreadBefore, r.floorSpreadAfter, r.floorPoints, 100.0 * r.floorShare);
+    if (o.cfg.heightLimit > 0)
+        std::printf("   height limit:          %ld points above %.1f over the plane dropped\n", r.cutByHeightLimit,
+                    o.cfg.heightLimit);
 }
 
 void printReport(const PipelineResult& r, const Options& o, const SyntheticScanSpec* scene) {
@@ -136,15 +156,8 @@ void printReport(const PipelineResult& r, const Options& o, const SyntheticScanS
     if (!r.calibrated) {
         std::printf("   no reference plane found (planeHeight -1): the scan is left as it is\n");
     } else {
-        std::printf("   plane height:          %.4f\n", r.calib.planeHeight);
-        std::printf("   recovered tilt:        roll %.4f pitch %.4f yaw %.4f degrees\n", r.tilt.roll, r.tilt.pitch,
-                    r.tilt.yaw);
-        if (scene) std::printf("   built-in tilt:         roll %.4f pitch %.4f degrees\n", scene->rollDeg, scene->pitchDeg);
-        std::printf("   floor height spread:   %.4f before, %.4f after levelling (std dev, %ld floor points)\n",
-                    r.floorSpreadBefore, r.floorSpreadAfter, r.floorPoints);
-        if (o.cfg.heightLimit > 0)
-            std::printf("   height limit:          %ld points above %.1f over the plane dropped\n", r.cutByHeightLimit,
-                        o.cfg.heightLimit);
+        if (!r.planeTrusted) printPlaneDoubt(r, o);
+        if (r.levelled) printLevelling(r, o, scene);
     }
 
     std::printf("\n3. Smoothing and outlier removal\n");
@@ -166,7 +179,7 @@ void printReport(const PipelineResult& r, const Options& o, const SyntheticScanS
         char span[32];
         std::snprintf(span, sizeof span, "%d..%d", t.firstLine, t.lastLine);
         char type[32];
-        std::snprintf(type, sizeof type, "%d %s", t.type, typeName(t.type));
+        std::snprintf(type, sizeof type, "%d %s", t.type, featureTypeName(t.type));
         std::printf("   %-20s %-16s %6d %13s %12.2f %10.2f\n", t.detector.c_str(), type, t.trees, span, t.meanLength,
                     t.maxLength);
     }

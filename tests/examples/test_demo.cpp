@@ -79,17 +79,18 @@ TEST(Demo, BuiltInScanFindsTiltBarsAndGrooves) {
     const double pitch = numberAfter(r.out.substr(p), "pitch ");
     EXPECT_NEAR(roll, 1.2, 0.05) << r.out;
     EXPECT_NEAR(pitch, -0.8, 0.05) << r.out;
+    EXPECT_EQ(r.out.find("no reference plane"), std::string::npos) << r.out;
     // Two round bars (the thin cable is the line's last semicircle, never reported).
     EXPECT_EQ(numberAfter(r.out, "bars tracked:"), 2.0) << r.out;
     // The plate's V groove is tracked as one long V tree.
     std::smatch m;
     ASSERT_TRUE(std::regex_search(r.out, m, std::regex(R"(L/V\s+5 V\s+(\d+))"))) << r.out;
     EXPECT_GE(std::stoi(m[1]), 1);
-    // The picture exists and is a PNG of lines x points.
+    // The picture exists: the map of 600 lines x 1000 points, with axes, colour bar and legend around it.
     const cv::Mat img = cv::imread(png);
     ASSERT_FALSE(img.empty());
-    EXPECT_EQ(img.cols, 600);
-    EXPECT_EQ(img.rows, 1000);
+    EXPECT_GT(img.cols, 600 + 200);
+    EXPECT_GT(img.rows, 1000);
     EXPECT_NE(r.out.find("Picture: " + png), std::string::npos);
 }
 
@@ -107,6 +108,31 @@ TEST(Demo, CsvScanIsCalibrated) {
     ASSERT_NE(p, std::string::npos) << r.out;
     EXPECT_NEAR(numberAfter(r.out.substr(p), "roll "), 2.0, 0.05) << r.out;
     EXPECT_NEAR(numberAfter(r.out.substr(p), "pitch "), -1.5, 0.05) << r.out;
+}
+
+TEST(Demo, ObjectWithoutFloorIsNotLevelled) {
+    // A dome 40 high on a 60 x 50 ellipse, nothing measured around it: the lowest
+    // well-filled height band is the dome's rim, a few percent of its points.
+    const std::string csv = tempPath("dome.csv");
+    {
+        std::ofstream f(csv);
+        for (int i = 0; i < 70; ++i)
+            for (int j = 0; j < 60; ++j) {
+                const double u = (i - 35) / 30.0, v = (j - 30) / 25.0, w = 1.0 - u * u - v * v;
+                f << i << "," << i << "," << j << "," << (w > 0 ? 100.0 + 40.0 * std::sqrt(w) : 0.0) << "\n";
+            }
+    }
+    const std::string args = "--scan \"" + csv + "\" --out \"" + tempPath("dome.png") + "\"";
+    const DemoRun r = runDemo(args);
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("no reference plane it can trust"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("% of the valid points in its band"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("left unlevelled"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("recovered tilt"), std::string::npos) << r.out;
+    const DemoRun forced = runDemo(args + " --force-level");
+    ASSERT_EQ(forced.status, 0) << forced.out;
+    EXPECT_NE(forced.out.find("levelled on it all the same"), std::string::npos) << forced.out;
+    EXPECT_NE(forced.out.find("recovered tilt"), std::string::npos) << forced.out;
 }
 
 TEST(Demo, RangeImageWithUnits) {
@@ -155,6 +181,6 @@ TEST(Demo, BadInputGivesOneLineAndStatusTwo) {
 TEST(Demo, HelpListsTheOptions) {
     const DemoRun r = runDemo("--help");
     EXPECT_EQ(r.status, 0);
-    for (const char* opt : {"--scan", "--pitch-x", "--pitch-y", "--z-scale", "--out", "--object-height"})
+    for (const char* opt : {"--scan", "--pitch-x", "--pitch-y", "--z-scale", "--out", "--object-height", "--force-level"})
         EXPECT_NE(r.out.find(opt), std::string::npos) << opt;
 }
