@@ -15,7 +15,7 @@ cv::Scalar typeColour(int type) {
     static const cv::Scalar table[16] = {
         {255, 255, 255}, {0, 0, 255},   {255, 0, 0},   {0, 128, 255}, {255, 128, 0}, {255, 0, 255},
         {0, 255, 0},     {0, 128, 0},   {128, 128, 128}, {0, 255, 255}, {255, 255, 0}, {128, 0, 255},
-        {255, 0, 128},   {0, 0, 128},   {255, 255, 255}, {0, 200, 200}};
+        {255, 0, 128},   {0, 0, 128},   {180, 105, 255}, {0, 200, 200}};
     return table[type >= 0 && type < 16 ? type : 0];
 }
 
@@ -37,8 +37,11 @@ const cv::Scalar kInk(0, 0, 0);
 const cv::Scalar kPaper(255, 255, 255);
 const cv::Scalar kMarks(255, 255, 255);  // regions, peaks and bars on the map
 
-// Height range shown: from slightly below the plane to the highest point.
+// Height range shown on a levelled scan: from slightly below the plane to the
+// highest point; on a scan left as it was, from its lowest point to its highest.
 constexpr double kShownBelowPlane = 2.0;
+// Legend rows besides one per tree type: the heading, the marks, missing points.
+constexpr int kLegendFixedRows = 7;
 
 void text(cv::Mat& img, const std::string& s, cv::Point at) {
     cv::putText(img, s, at, cv::FONT_HERSHEY_SIMPLEX, kFontScale, kInk, 1, cv::LINE_AA);
@@ -101,9 +104,7 @@ int drawColourBar(cv::Mat& img, cv::Point at, int height, double lo, double hi, 
 }
 
 // Which colour and mark stands for what; only what the picture shows.
-void drawLegend(cv::Mat& img, cv::Point at, const PipelineResult& r) {
-    std::set<int> types;
-    for (const auto& t : r.drawnTrees) types.insert(t.treeType);
+void drawLegend(cv::Mat& img, cv::Point at, const std::set<int>& types) {
     text(img, "trees, by feature type:", at);
     int y = at.y + kLegendRow;
     const cv::Rect swatch(0, -9, 22, 10);
@@ -148,15 +149,19 @@ bool writePicture(const PipelineResult& r, const std::string& path, std::string&
         error = "nothing to draw";
         return false;
     }
+    const cv::Mat measured = r.heightMap != 0;
     double lo = 0, hi = 0;
-    cv::minMaxLoc(r.heightMap, &lo, &hi);
-    lo = -kShownBelowPlane;
-    hi = std::max(hi, 1.0);
+    cv::minMaxLoc(r.heightMap, &lo, &hi, nullptr, nullptr, measured);
+    if (r.levelled || cv::countNonZero(measured) == 0) {
+        lo = -kShownBelowPlane;
+        hi = std::max(hi, 1.0);
+    }
+    if (!(hi > lo)) hi = lo + 1.0;
     cv::Mat scaled, grey, colour;
     r.heightMap.convertTo(scaled, CV_32F, 1.0 / (hi - lo), -lo / (hi - lo));
     scaled.convertTo(grey, CV_8U, 255.0);
     cv::applyColorMap(grey, colour, cv::COLORMAP_TURBO);
-    colour.setTo(cv::Scalar(0, 0, 0), r.heightMap == 0);  // missing points black
+    colour.setTo(cv::Scalar(0, 0, 0), ~measured);  // missing points black
 
     // Trees as polylines through their nodes (x = line, y = point index).
     for (const auto& t : r.drawnTrees) {
@@ -174,7 +179,9 @@ bool writePicture(const PipelineResult& r, const std::string& path, std::string&
 
     // The map framed by its axes, the colour bar and the legend to its right.
     const int barHeight = std::min(kBarHeightMax, std::max(colour.rows, 100));
-    const int legendRows = 8 + static_cast<int>(r.drawnTrees.size() > 0 ? 16 : 1);
+    std::set<int> types;
+    for (const auto& t : r.drawnTrees) types.insert(t.treeType);
+    const int legendRows = kLegendFixedRows + std::max<int>(1, static_cast<int>(types.size()));
     const int panelHeight = 24 + barHeight + 30 + legendRows * kLegendRow;
     const cv::Rect map(kMarginLeft, kMarginTop, colour.cols, colour.rows);
     cv::Mat page(std::max(kMarginTop + colour.rows + kMarginBottom, kMarginTop + panelHeight),
@@ -183,7 +190,7 @@ bool writePicture(const PipelineResult& r, const std::string& path, std::string&
     drawAxes(page, map);
     const int panelX = map.x + map.width + kPanelGap;
     const int barBottom = drawColourBar(page, {panelX, kMarginTop}, barHeight, lo, hi, r.levelled);
-    drawLegend(page, {panelX, barBottom + 30}, r);
+    drawLegend(page, {panelX, barBottom + 30}, types);
 
     try {
         if (!cv::imwrite(path, page)) {
