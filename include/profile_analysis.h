@@ -650,11 +650,12 @@ PA_API void hx_getFlatLineLocalPeaks_vector(const std::vector<SKesp3DPosition>& 
 /// and after it whether measured or not, so an invalid neighbour enters with
 /// its z; the step's own point stands in at either end of the array) and whose
 /// high end lies more than 2 indices from every segment end gives a flank (3
-/// rising, 4 falling) at the step's upper point. A rising run followed by a falling run
-/// whose sides match within zTol / yTol is a V (5) at the deeper top; a step or
-/// flank within 5.0 along y of a V is arbitrated against it (the overall depth
-/// change of the V against 40.0 decides). Finally a step followed by a step of
-/// the same type less than 20.0 away along y gives way to it.
+/// rising, 4 falling) at the step's upper point. A rising run followed by a
+/// falling run whose sides match within zTol / yTol is a V (5) at the deeper
+/// top; a step or flank within 5.0 along y of a V is arbitrated against it
+/// (the overall depth change of the V against 40.0 decides). Finally a step
+/// followed by a step of the same type less than 20.0 away along y gives way
+/// to it.
 /// @param[in]  points      pointCount points of one line (read only)
 /// @param[in]  pointCount  number of points; below 2 nothing happens
 /// @param[in]  lineIdx     written into every record's lineIdx
