@@ -34,6 +34,8 @@ constexpr double kMaxHistogramBins = 1e8;
 /// Interleaved counter copies for histograms of up to kMaxLanedBins bins.
 constexpr int kHistogramLanes = 4;
 constexpr size_t kMaxLanedBins = 1 << 16;
+/// planeHeight of a failed calibration.
+constexpr double kFailedPlaneHeight = -1.0;
 /// Half width of the box that smooths the histogram (11 bins in all).
 constexpr int32_t kSmoothRadius = 5;
 /// The reference peak must hold more than total / kPeakShareDivisor points.
@@ -58,6 +60,29 @@ struct LineSpan {
 };
 using ScanView = std::vector<LineSpan>;
 
+/// The lines of a scan held as line records that hold points.
+ScanView viewOf(const SKesp3DLaserLine* lines, int32_t lineNum) {
+    ScanView scan;
+    if (lines != nullptr && lineNum > 0) {
+        scan.reserve(static_cast<size_t>(lineNum));
+        for (int32_t l = 0; l < lineNum; ++l) {
+            if (lines[l].nPositionCnt >= 1 && lines[l].p3DPosition != nullptr)
+                scan.push_back({lines[l].p3DPosition, lines[l].nPositionCnt});
+        }
+    }
+    return scan;
+}
+
+/// The lines of a scan held as vectors that hold points.
+ScanView viewOf(const std::vector<std::vector<SKesp3DPosition>>& scan) {
+    ScanView view;
+    view.reserve(scan.size());
+    for (const auto& line : scan) {
+        if (!line.empty()) view.push_back({line.data(), static_cast<int64_t>(line.size())});
+    }
+    return view;
+}
+
 /// A measured point whose height can enter a histogram: valid and finite
 /// (NaN fails the validity test, +inf the upper bound).
 inline bool isCalibrationZ(double z) { return isValidZ(z) && z <= DBL_MAX; }
@@ -72,7 +97,7 @@ SHX_planeCalibPara failedCalibration() {
     const double identity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
     std::copy(identity, identity + 9, r.planeCalib);
     std::copy(identity, identity + 9, r.invRMatrix);
-    r.planeHeight = -1.0;
+    r.planeHeight = kFailedPlaneHeight;
     return r;
 }
 
@@ -221,7 +246,7 @@ void bandLimits(const std::vector<HistogramEntry>& valleys, int32_t peakBin, int
 class BandTest {
 public:
     BandTest(double zLow, double zHigh) : low_(bitsOf(zLow)), width_(bitsOf(zHigh) - bitsOf(zLow)) {}
-    bool holds(const double& z) const { return bitsOf(z) - low_ <= width_; }
+    bool holds(const SKesp3DPosition& p) const { return bitsOf(p.z) - low_ <= width_; }
 
 private:
     static uint64_t bitsOf(double v) {
@@ -235,15 +260,18 @@ private:
 /// Writes point p, converted to single precision, to *out and returns where
 /// the next band point goes: past it if p lies in the band, else out itself
 /// (the slot is then overwritten by the next point). No branch: the band
-/// edges are noisy, and a branch there would be mispredicted.
-inline cv::Point3f* gatherBandPoint(const SKesp3DPosition& p, const BandTest& band, cv::Point3f* out) {
+/// edges are noisy, and a branch there would be mispredicted. The band is a
+/// BandTest or, for the refinement, a SlabTest.
+template <class Band>
+inline cv::Point3f* gatherBandPoint(const SKesp3DPosition& p, const Band& band, cv::Point3f* out) {
     *out = cv::Point3f(static_cast<float>(p.x), static_cast<float>(p.y), static_cast<float>(p.z));
-    return out + static_cast<int>(band.holds(p.z));
+    return out + static_cast<int>(band.holds(p));
 }
 
 /// The band points of p[0 .. n) in single precision, in order, into `out`;
 /// returns their number.
-inline int bandPointsOf(const SKesp3DPosition* p, int n, const BandTest& band, cv::Point3f* out) {
+template <class Band>
+inline int bandPointsOf(const SKesp3DPosition* p, int n, const Band& band, cv::Point3f* out) {
     cv::Point3f* next = out;
     for (int i = 0; i < n; ++i) next = gatherBandPoint(p[i], band, next);
     return static_cast<int>(next - out);
@@ -373,15 +401,20 @@ void boundingBox(cv::Point3f* pts, int m, cv::Point3f& lo, cv::Point3f& hi) {
     hi = cv::Point3f(box[3], box[4], box[5]);
 }
 
-/// Least-squares sums of the band points in scan order; appends a BandBlock
-/// for every block that holds band points. The band points are gathered one
+/// Feeds the band points, in scan order and in single precision, to
+/// sink.add (the least-squares sums, and for the refinement also the lowest
+/// levelled height); appends a BandBlock for every block that holds band
+/// points when `blocks` is given. The band points are gathered one
 /// block at a time into a buffer (GCC 12 at -O3 was seen to vectorise a loop
 /// that converts to float and sums at once with the unrounded doubles, which
 /// changes the sums in their last bits), and each block is summed while the
 /// next one is gathered: the sums are a chain of dependent additions, and
 /// interleaved with the reads they cost little more than the reads alone.
-PA_PASS pa_detail::PlaneSums sumBand(const ScanView& scan, const BandTest& band, std::vector<BandBlock>& blocks) {
-    StreamingPlaneSums sums;
+template <class Band, class Sink>
+PA_PASS void streamBand(const ScanView& scan, const Band& band, Sink& sink, std::vector<BandBlock>* blocks) {
+    // A local copy: the running sums of the caller's sink would stay in
+    // memory across the loop, for the buffer's stores might alias them.
+    Sink sums = sink;
     cv::Point3f buffers[2][kBlockPoints];
     cv::Point3f* gathered = buffers[0];  // the block being read
     cv::Point3f* pending = buffers[1];   // the previous block's band points, to be summed
@@ -402,14 +435,16 @@ PA_PASS pa_detail::PlaneSums sumBand(const ScanView& scan, const BandTest& band,
             const int m = static_cast<int>(next - gathered);
             pendingCount = m;
             if (m == 0) continue;
-            BandBlock b{p, n, {}, {}};
-            boundingBox(gathered, m, b.lo, b.hi);
-            blocks.push_back(b);
+            if (blocks != nullptr) {
+                BandBlock b{p, n, {}, {}};
+                boundingBox(gathered, m, b.lo, b.hi);
+                blocks->push_back(b);
+            }
             std::swap(gathered, pending);
         }
     }
     for (int i = 0; i < pendingCount; ++i) sums.add(pending[i]);
-    return sums.sums();
+    sink = sums;
 }
 
 /// The levelled height of a single-precision point before rounding: row 2 of
@@ -453,7 +488,8 @@ float lowerBound(const BandBlock& b, const double* rotation) {
     return static_cast<float>(levelledHeight(rotation, x, y, z) - kBoundSlack * magnitude);
 }
 
-void addBlock(const BandBlock& b, const BandTest& band, LowestLevelledHeight& lowest) {
+template <class Band>
+void addBlock(const BandBlock& b, const Band& band, LowestLevelledHeight& lowest) {
     cv::Point3f pts[kBlockPoints];
     const int m = bandPointsOf(b.pts, b.count, band, pts);
     for (int k = 0; k < m; ++k) lowest.add(pts[k]);
@@ -466,8 +502,8 @@ void addBlock(const BandBlock& b, const BandTest& band, LowestLevelledHeight& lo
 /// all lie strictly above the minimum, so the result is that of reading every
 /// band point in scan order, down to which of two equal heights (+0 and -0)
 /// is kept.
-PA_PASS double lowestBandHeight(const std::vector<BandBlock>& blocks, const BandTest& band,
-                                const double* rotation) {
+template <class Band>
+PA_PASS double lowestBandHeight(const std::vector<BandBlock>& blocks, const Band& band, const double* rotation) {
     if (blocks.empty()) return 0.0;
     size_t first = 0;
     float firstBound = lowerBound(blocks[0], rotation);
@@ -542,7 +578,9 @@ SHX_planeCalibPara calibrateScan(const ScanView& scan) {
     const BandTest band(zLow, zHigh);
     if (zLow <= zHigh) {
         blocks.reserve(blockCapacity(scan));
-        sums = sumBand(scan, band, blocks);
+        StreamingPlaneSums streamed;
+        streamBand(scan, band, streamed, &blocks);
+        sums = streamed.sums();
     }
     SHX_planeCalibPara r = levellingRotations(pa_detail::solvePlane(sums));
     r.planeHeight = lowestBandHeight(blocks, band, r.planeCalib);
@@ -556,27 +594,119 @@ inline bool inRegion(const SKesp3DRangeD& r, double x, double y, double z) {
            y <= r.zRange.max;
 }
 
+// ---------------------------------------------------------------------------
+// Refinement: the plane refitted to the points near it, round after round.
+// ---------------------------------------------------------------------------
+
+/// A round needs this many inliers for a plane.
+constexpr int64_t kMinInliers = 3;
+
+/// A plane as its upward unit normal n and its level c: the signed distance
+/// of a point p above it is n . p - c.
+struct LevelPlane {
+    cv::Vec3d normal;
+    double level;
+};
+
+/// The plane a refinement starts from: the levelled plane of the start
+/// (normal = row 2 of planeCalib, the direction of levelled heights) at
+/// planeHeight + inlierDist. planeHeight is the lowest point of the surface
+/// the calibration fitted, so the first round's slab, from planeHeight to
+/// planeHeight + 2 inlierDist, lies on the bottom layer of that surface.
+LevelPlane startingPlane(const SHX_planeCalibPara& start, double inlierDist) {
+    const double* row2 = start.planeCalib + 6;
+    return {cv::Vec3d(row2[0], row2[1], row2[2]), start.planeHeight + inlierDist};
+}
+
+/// The plane z = a x + b y + e of a fit (a, b, -1, e).
+LevelPlane planeOfFit(const cv::Vec4d& fit) {
+    const double length = std::sqrt(fit[0] * fit[0] + fit[1] * fit[1] + 1.0);
+    return {cv::Vec3d(-fit[0] / length, -fit[1] / length, 1.0 / length), fit[3] / length};
+}
+
+/// The inliers of a round: valid points (z >= 0.0001) whose single-precision
+/// coordinates, the ones the fit takes, lie less than halfWidth from the
+/// plane. A NaN or infinite coordinate (or one beyond single precision) gives
+/// a NaN or infinite distance, which is never below halfWidth.
+class SlabTest {
+public:
+    SlabTest(const LevelPlane& plane, double halfWidth) : plane_(plane), halfWidth_(halfWidth) {}
+    bool holds(const SKesp3DPosition& p) const {
+        const double x = static_cast<float>(p.x), y = static_cast<float>(p.y), z = static_cast<float>(p.z);
+        const cv::Vec3d& n = plane_.normal;
+        const double distance = n[0] * x + n[1] * y + n[2] * z - plane_.level;
+        // Both tests are evaluated: the slab's faces cut through noise, where a
+        // branch would be mispredicted.
+        return isValidZ(p.z) & (std::fabs(distance) < halfWidth_);
+    }
+
+private:
+    LevelPlane plane_;
+    double halfWidth_;
+};
+
+/// What a round keeps of its inliers: their least-squares sums, and their
+/// lowest levelled height under the rotation of the plane that chose them.
+/// When a round takes the same inliers as the round before, that plane is
+/// the final fit and this height is the final plane height.
+class RoundInliers {
+public:
+    explicit RoundInliers(const double* rotation) : lowest_(rotation) {}
+    void add(const cv::Point3f& p) {
+        sums_.add(p);
+        lowest_.add(p);
+    }
+    pa_detail::PlaneSums sums() const { return sums_.sums(); }
+    double lowestHeight() const { return lowest_.value(); }
+
+private:
+    StreamingPlaneSums sums_;
+    LowestLevelledHeight lowest_;
+};
+
+/// Whether two rounds summed the same points: equal sums give the same fit bit
+/// for bit, so the next round would take the same inliers again.
+bool sameSums(const pa_detail::PlaneSums& a, const pa_detail::PlaneSums& b) {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+SHX_planeCalibPara refineCalibration(const ScanView& scan, const SHX_planeCalibPara& start, double inlierDist,
+                                     int32_t maxIter) {
+    if (start.planeHeight == kFailedPlaneHeight || !(inlierDist > 0.0) || maxIter < 1) return start;
+    SHX_planeCalibPara r = start;
+    LevelPlane plane = startingPlane(start, inlierDist);
+    SlabTest slab(plane, inlierDist);
+    pa_detail::PlaneSums previous;
+    for (int32_t round = 0; round < maxIter; ++round) {
+        slab = SlabTest(plane, inlierDist);
+        RoundInliers inliers(r.planeCalib);
+        streamBand(scan, slab, inliers, nullptr);
+        const pa_detail::PlaneSums sums = inliers.sums();
+        if (sums.m < kMinInliers) return start;
+        if (round > 0 && sameSums(sums, previous)) {
+            r.planeHeight = inliers.lowestHeight();
+            return r;
+        }
+        const cv::Vec4d fit = pa_detail::solvePlane(sums);
+        r = levellingRotations(fit);
+        plane = planeOfFit(fit);
+        previous = sums;
+    }
+    // Stopped by the limit: the last round's inliers, levelled by the last fit.
+    LowestLevelledHeight lowest(r.planeCalib);
+    streamBand(scan, slab, lowest, nullptr);
+    r.planeHeight = lowest.value();
+    return r;
+}
+
 }  // namespace
 
 PA_API SHX_planeCalibPara hx_getPlaneCalibPara(const SKesp3DLaserLine* lines, int32_t lineNum) {
-    ScanView scan;
-    if (lines != nullptr && lineNum > 0) {
-        scan.reserve(static_cast<size_t>(lineNum));
-        for (int32_t l = 0; l < lineNum; ++l) {
-            if (lines[l].nPositionCnt >= 1 && lines[l].p3DPosition != nullptr)
-                scan.push_back({lines[l].p3DPosition, lines[l].nPositionCnt});
-        }
-    }
-    return calibrateScan(scan);
+    return calibrateScan(viewOf(lines, lineNum));
 }
 
 PA_API SHX_planeCalibPara hx_getPlaneCalibPara2(const std::vector<std::vector<SKesp3DPosition>>& scan) {
-    ScanView view;
-    view.reserve(scan.size());
-    for (const auto& line : scan) {
-        if (!line.empty()) view.push_back({line.data(), static_cast<int64_t>(line.size())});
-    }
-    return calibrateScan(view);
+    return calibrateScan(viewOf(scan));
 }
 
 PA_API SHX_planeCalibPara hx_getPlaneCalibPara_ROIs(const SKesp3DLaserLine* lines, int32_t lineNum,
@@ -598,4 +728,16 @@ PA_API SHX_planeCalibPara hx_getPlaneCalibPara_ROIs(const SKesp3DLaserLine* line
     for (const cv::Point3f& q : pts) lowest.add(q);
     r.planeHeight = lowest.value();
     return r;
+}
+
+PA_API SHX_planeCalibPara hx_refinePlaneCalibPara(const SKesp3DLaserLine* lines, int32_t lineNum,
+                                                  const SHX_planeCalibPara& start, double inlierDist,
+                                                  int32_t maxIter) {
+    return refineCalibration(viewOf(lines, lineNum), start, inlierDist, maxIter);
+}
+
+PA_API SHX_planeCalibPara hx_refinePlaneCalibPara_vector(const std::vector<std::vector<SKesp3DPosition>>& scan,
+                                                         const SHX_planeCalibPara& start, double inlierDist,
+                                                         int32_t maxIter) {
+    return refineCalibration(viewOf(scan), start, inlierDist, maxIter);
 }
