@@ -142,6 +142,7 @@ void deriveDefaults(const Scan& scan, PipelineConfig& c, bool builtIn) {
     const SKesp3DRangeD box = hx_getScanDataROI_vector(scan);
     const double lengthX = box.xRange.max - box.xRange.min, widthY = box.yRange.max - box.yRange.min;
     if (c.heightLimit <= 0 && builtIn) c.heightLimit = 40.0;
+    if (c.planeInlierDist <= 0) c.planeInlierDist = 0.4 * py;
     if (c.objectHeight <= 0) c.objectHeight = std::max(1.0, 12 * py);
     if (c.smoothWindow <= 0) c.smoothWindow = 5;
     if (c.featureRange <= 0) c.featureRange = 40 * py;
@@ -184,6 +185,11 @@ PipelineResult runPipeline(Scan& scan, const PipelineConfig& cfg) {
         for (const auto& p : scan[i]) rawZ[i].push_back(static_cast<float>(p.z));
     clock.run([&] { r.calib = hx_getPlaneCalibPara(lines.data(), n); });
     r.calibrated = r.calib.planeHeight != -1.0;
+    // Refit the plane to the points near it: objects whose tops share the
+    // plane's height band pull the histogram's fit.
+    const SHX_planeCalibPara unrefined = r.calib;
+    constexpr int32_t kRefineRounds = 10;
+    clock.run([&] { r.calib = hx_refinePlaneCalibPara(lines.data(), n, r.calib, cfg.planeInlierDist, kRefineRounds); });
     double plane = 0.0;
     if (r.calibrated) {
         plane = r.calib.planeHeight;
@@ -194,8 +200,15 @@ PipelineResult runPipeline(Scan& scan, const PipelineConfig& cfg) {
         double R[3][3];
         for (int k = 0; k < 9; ++k) R[k / 3][k % 3] = r.calib.invRMatrix[k];
         r.tilt = rotationMatrixToEulerZYX(R);
+        for (int k = 0; k < 9; ++k) R[k / 3][k % 3] = unrefined.invRMatrix[k];
+        r.tiltUnrefined = rotationMatrixToEulerZYX(R);
+        // Heights the unrefined calibration would give a levelled point:
+        // row 2 of its rotation times the refined inverse rotation.
+        double w[3] = {0, 0, 0};
+        for (int j = 0; j < 3; ++j)
+            for (int k = 0; k < 3; ++k) w[j] += unrefined.planeCalib[6 + k] * r.calib.invRMatrix[3 * k + j];
         // Floor spread: the points now within the floor band, before and after.
-        double s1 = 0, s2 = 0, t1 = 0, t2 = 0;
+        double s1 = 0, s2 = 0, t1 = 0, t2 = 0, u1 = 0, u2 = 0;
         for (size_t i = 0; i < scan.size(); ++i)
             for (size_t j = 0; j < scan[i].size(); ++j) {
                 const double z = scan[i][j].z, z0 = rawZ[i][j];
@@ -206,11 +219,15 @@ PipelineResult runPipeline(Scan& scan, const PipelineConfig& cfg) {
                 s2 += z0 * z0;
                 t1 += z;
                 t2 += z * z;
+                const double zu = w[0] * scan[i][j].x + w[1] * scan[i][j].y + w[2] * z;
+                u1 += zu;
+                u2 += zu * zu;
             }
         if (r.floorPoints > 1) {
             const double m = static_cast<double>(r.floorPoints);
             r.floorSpreadBefore = std::sqrt(std::max(0.0, s2 / m - (s1 / m) * (s1 / m)));
             r.floorSpreadAfter = std::sqrt(std::max(0.0, t2 / m - (t1 / m) * (t1 / m)));
+            r.floorSpreadUnrefined = std::sqrt(std::max(0.0, u2 / m - (u1 / m) * (u1 / m)));
         }
     }
     endStep("calibration + levelling");

@@ -651,10 +651,10 @@ private:
 /// the final fit and this height is the final plane height.
 class RoundInliers {
 public:
-    explicit RoundInliers(const double* rotation) : lowest_(rotation) {}
+    RoundInliers(const double* rotation, bool withHeight) : lowest_(rotation), withHeight_(withHeight) {}
     void add(const cv::Point3f& p) {
         sums_.add(p);
-        lowest_.add(p);
+        if (withHeight_) lowest_.add(p);
     }
     pa_detail::PlaneSums sums() const { return sums_.sums(); }
     double lowestHeight() const { return lowest_.value(); }
@@ -662,6 +662,7 @@ public:
 private:
     StreamingPlaneSums sums_;
     LowestLevelledHeight lowest_;
+    bool withHeight_;
 };
 
 /// Whether two rounds summed the same points: equal sums give the same fit bit
@@ -679,7 +680,9 @@ SHX_planeCalibPara refineCalibration(const ScanView& scan, const SHX_planeCalibP
     pa_detail::PlaneSums previous;
     for (int32_t round = 0; round < maxIter; ++round) {
         slab = SlabTest(plane, inlierDist);
-        RoundInliers inliers(r.planeCalib);
+        // The first round has no earlier inliers to repeat, so it cannot be
+        // the last fit and needs no height.
+        RoundInliers inliers(r.planeCalib, round > 0);
         streamBand(scan, slab, inliers, nullptr);
         const pa_detail::PlaneSums sums = inliers.sums();
         if (sums.m < kMinInliers) return start;
