@@ -246,7 +246,7 @@ void bandLimits(const std::vector<HistogramEntry>& valleys, int32_t peakBin, int
 class BandTest {
 public:
     BandTest(double zLow, double zHigh) : low_(bitsOf(zLow)), width_(bitsOf(zHigh) - bitsOf(zLow)) {}
-    bool holds(const SKesp3DPosition& p) const { return bitsOf(p.z) - low_ <= width_; }
+    bool holds(const double& z) const { return bitsOf(z) - low_ <= width_; }
 
 private:
     static uint64_t bitsOf(double v) {
@@ -260,18 +260,15 @@ private:
 /// Writes point p, converted to single precision, to *out and returns where
 /// the next band point goes: past it if p lies in the band, else out itself
 /// (the slot is then overwritten by the next point). No branch: the band
-/// edges are noisy, and a branch there would be mispredicted. The band is a
-/// BandTest or, for the refinement, a SlabTest.
-template <class Band>
-inline cv::Point3f* gatherBandPoint(const SKesp3DPosition& p, const Band& band, cv::Point3f* out) {
+/// edges are noisy, and a branch there would be mispredicted.
+inline cv::Point3f* gatherBandPoint(const SKesp3DPosition& p, const BandTest& band, cv::Point3f* out) {
     *out = cv::Point3f(static_cast<float>(p.x), static_cast<float>(p.y), static_cast<float>(p.z));
-    return out + static_cast<int>(band.holds(p));
+    return out + static_cast<int>(band.holds(p.z));
 }
 
 /// The band points of p[0 .. n) in single precision, in order, into `out`;
 /// returns their number.
-template <class Band>
-inline int bandPointsOf(const SKesp3DPosition* p, int n, const Band& band, cv::Point3f* out) {
+inline int bandPointsOf(const SKesp3DPosition* p, int n, const BandTest& band, cv::Point3f* out) {
     cv::Point3f* next = out;
     for (int i = 0; i < n; ++i) next = gatherBandPoint(p[i], band, next);
     return static_cast<int>(next - out);
@@ -401,20 +398,15 @@ void boundingBox(cv::Point3f* pts, int m, cv::Point3f& lo, cv::Point3f& hi) {
     hi = cv::Point3f(box[3], box[4], box[5]);
 }
 
-/// Feeds the band points, in scan order and in single precision, to
-/// sink.add (the least-squares sums, and for the refinement also the lowest
-/// levelled height); appends a BandBlock for every block that holds band
-/// points when `blocks` is given. The band points are gathered one
+/// Least-squares sums of the band points in scan order; appends a BandBlock
+/// for every block that holds band points. The band points are gathered one
 /// block at a time into a buffer (GCC 12 at -O3 was seen to vectorise a loop
 /// that converts to float and sums at once with the unrounded doubles, which
 /// changes the sums in their last bits), and each block is summed while the
 /// next one is gathered: the sums are a chain of dependent additions, and
 /// interleaved with the reads they cost little more than the reads alone.
-template <class Band, class Sink>
-PA_PASS void streamBand(const ScanView& scan, const Band& band, Sink& sink, std::vector<BandBlock>* blocks) {
-    // A local copy: the running sums of the caller's sink would stay in
-    // memory across the loop, for the buffer's stores might alias them.
-    Sink sums = sink;
+PA_PASS pa_detail::PlaneSums sumBand(const ScanView& scan, const BandTest& band, std::vector<BandBlock>& blocks) {
+    StreamingPlaneSums sums;
     cv::Point3f buffers[2][kBlockPoints];
     cv::Point3f* gathered = buffers[0];  // the block being read
     cv::Point3f* pending = buffers[1];   // the previous block's band points, to be summed
@@ -435,16 +427,14 @@ PA_PASS void streamBand(const ScanView& scan, const Band& band, Sink& sink, std:
             const int m = static_cast<int>(next - gathered);
             pendingCount = m;
             if (m == 0) continue;
-            if (blocks != nullptr) {
-                BandBlock b{p, n, {}, {}};
-                boundingBox(gathered, m, b.lo, b.hi);
-                blocks->push_back(b);
-            }
+            BandBlock b{p, n, {}, {}};
+            boundingBox(gathered, m, b.lo, b.hi);
+            blocks.push_back(b);
             std::swap(gathered, pending);
         }
     }
     for (int i = 0; i < pendingCount; ++i) sums.add(pending[i]);
-    sink = sums;
+    return sums.sums();
 }
 
 /// The levelled height of a single-precision point before rounding: row 2 of
@@ -460,9 +450,11 @@ public:
     explicit LowestLevelledHeight(const double* rotation) : rotation_(rotation) {}
     // Starting from +inf, a strict comparison keeps the first of equal
     // heights, as a minimum seeded with the first point would.
-    void add(const cv::Point3f& p) {
-        const float z = static_cast<float>(levelledHeight(rotation_, p.x, p.y, p.z));
-        lowest_ = z < lowest_ ? z : lowest_;
+    void add(const cv::Point3f& p) { add(p.x, p.y, p.z); }
+    /// The same for coordinates already widened from single precision.
+    void add(double x, double y, double z) {
+        const float h = static_cast<float>(levelledHeight(rotation_, x, y, z));
+        lowest_ = h < lowest_ ? h : lowest_;
         ++count_;
     }
     float lowest() const { return lowest_; }
@@ -488,8 +480,7 @@ float lowerBound(const BandBlock& b, const double* rotation) {
     return static_cast<float>(levelledHeight(rotation, x, y, z) - kBoundSlack * magnitude);
 }
 
-template <class Band>
-void addBlock(const BandBlock& b, const Band& band, LowestLevelledHeight& lowest) {
+void addBlock(const BandBlock& b, const BandTest& band, LowestLevelledHeight& lowest) {
     cv::Point3f pts[kBlockPoints];
     const int m = bandPointsOf(b.pts, b.count, band, pts);
     for (int k = 0; k < m; ++k) lowest.add(pts[k]);
@@ -502,8 +493,8 @@ void addBlock(const BandBlock& b, const Band& band, LowestLevelledHeight& lowest
 /// all lie strictly above the minimum, so the result is that of reading every
 /// band point in scan order, down to which of two equal heights (+0 and -0)
 /// is kept.
-template <class Band>
-PA_PASS double lowestBandHeight(const std::vector<BandBlock>& blocks, const Band& band, const double* rotation) {
+PA_PASS double lowestBandHeight(const std::vector<BandBlock>& blocks, const BandTest& band,
+                                const double* rotation) {
     if (blocks.empty()) return 0.0;
     size_t first = 0;
     float firstBound = lowerBound(blocks[0], rotation);
@@ -578,9 +569,7 @@ SHX_planeCalibPara calibrateScan(const ScanView& scan) {
     const BandTest band(zLow, zHigh);
     if (zLow <= zHigh) {
         blocks.reserve(blockCapacity(scan));
-        StreamingPlaneSums streamed;
-        streamBand(scan, band, streamed, &blocks);
-        sums = streamed.sums();
+        sums = sumBand(scan, band, blocks);
     }
     SHX_planeCalibPara r = levellingRotations(pa_detail::solvePlane(sums));
     r.planeHeight = lowestBandHeight(blocks, band, r.planeCalib);
@@ -624,46 +613,59 @@ LevelPlane planeOfFit(const cv::Vec4d& fit) {
     return {cv::Vec3d(-fit[0] / length, -fit[1] / length, 1.0 / length), fit[3] / length};
 }
 
-/// The inliers of a round: valid points (z >= 0.0001) whose single-precision
-/// coordinates, the ones the fit takes, lie less than halfWidth from the
-/// plane. A NaN or infinite coordinate (or one beyond single precision) gives
-/// a NaN or infinite distance, which is never below halfWidth.
-class SlabTest {
-public:
-    SlabTest(const LevelPlane& plane, double halfWidth) : plane_(plane), halfWidth_(halfWidth) {}
-    bool holds(const SKesp3DPosition& p) const {
-        const double x = static_cast<float>(p.x), y = static_cast<float>(p.y), z = static_cast<float>(p.z);
-        const cv::Vec3d& n = plane_.normal;
-        const double distance = n[0] * x + n[1] * y + n[2] * z - plane_.level;
-        // Both tests are evaluated: the slab's faces cut through noise, where a
-        // branch would be mispredicted.
-        return isValidZ(p.z) & (std::fabs(distance) < halfWidth_);
-    }
+/// The coordinates of p rounded to single precision and widened back, the
+/// values the fit takes. Where there are vector conversions they do the
+/// rounding: GCC 12 at -O3 was seen to pair the scalar x and y conversions
+/// into one vector and then use the unrounded y.
+inline void roundToSingle(const SKesp3DPosition& p, double& x, double& y, double& z) {
+#if CV_SIMD128_64F
+    const cv::v_float64x2 xy = cv::v_cvt_f64(cv::v_cvt_f32(cv::v_load(&p.x)));
+    x = xy.get0();
+    y = cv::v_extract_n<1>(xy);
+    z = cv::v_cvt_f64(cv::v_cvt_f32(cv::v_setall_f64(p.z))).get0();
+#else
+    x = static_cast<float>(p.x);
+    y = static_cast<float>(p.y);
+    z = static_cast<float>(p.z);
+#endif
+}
 
-private:
-    LevelPlane plane_;
-    double halfWidth_;
+/// What a round keeps of its inliers.
+struct RoundInliers {
+    pa_detail::PlaneSums sums;
+    double lowestHeight;  ///< as LowestLevelledHeight::value
 };
 
-/// What a round keeps of its inliers: their least-squares sums, and their
-/// lowest levelled height under the rotation of the plane that chose them.
-/// When a round takes the same inliers as the round before, that plane is
-/// the final fit and this height is the final plane height.
-class RoundInliers {
-public:
-    RoundInliers(const double* rotation, bool withHeight) : lowest_(rotation), withHeight_(withHeight) {}
-    void add(const cv::Point3f& p) {
-        sums_.add(p);
-        if (withHeight_) lowest_.add(p);
+/// One round over the scan. The inliers are the valid points (z >= 0.0001)
+/// whose single-precision coordinates, the ones the fit takes, lie less than
+/// halfWidth from the plane; a NaN or infinite coordinate (or one beyond
+/// single precision) gives a NaN or infinite distance, which is never below
+/// halfWidth. Returns their least-squares sums in scan order and, WithHeight,
+/// their lowest levelled height under `rotation`. A point is tested and
+/// summed in one step, without a buffer: unlike the calibration's band, the
+/// slab's inliers come in long runs (the surface between objects and
+/// dropouts), so the branch is well predicted.
+template <bool WithHeight>
+PA_PASS RoundInliers sumInliers(const ScanView& scan, const LevelPlane& plane, double halfWidth,
+                                const double* rotation) {
+    const double n0 = plane.normal[0], n1 = plane.normal[1], n2 = plane.normal[2], level = plane.level;
+    // The plain sums, fed from registers: the paired ones read their pairs
+    // of floats from memory.
+    pa_detail::PlaneSums sums;
+    LowestLevelledHeight lowest(rotation);
+    for (const LineSpan& line : scan) {
+        const SKesp3DPosition* p = line.pts;
+        for (int64_t i = 0; i < line.count; ++i) {
+            double x, y, z;
+            roundToSingle(p[i], x, y, z);
+            const double distance = n0 * x + n1 * y + n2 * z - level;
+            if (!(isValidZ(p[i].z) & (std::fabs(distance) < halfWidth))) continue;
+            sums.add(x, y, z);
+            if (WithHeight) lowest.add(x, y, z);
+        }
     }
-    pa_detail::PlaneSums sums() const { return sums_.sums(); }
-    double lowestHeight() const { return lowest_.value(); }
-
-private:
-    StreamingPlaneSums sums_;
-    LowestLevelledHeight lowest_;
-    bool withHeight_;
-};
+    return {sums, lowest.value()};
+}
 
 /// Whether two rounds summed the same points: equal sums give the same fit bit
 /// for bit, so the next round would take the same inliers again.
@@ -675,30 +677,28 @@ SHX_planeCalibPara refineCalibration(const ScanView& scan, const SHX_planeCalibP
                                      int32_t maxIter) {
     if (start.planeHeight == kFailedPlaneHeight || !(inlierDist > 0.0) || maxIter < 1) return start;
     SHX_planeCalibPara r = start;
-    LevelPlane plane = startingPlane(start, inlierDist);
-    SlabTest slab(plane, inlierDist);
+    LevelPlane plane = startingPlane(start, inlierDist), roundPlane = plane;
     pa_detail::PlaneSums previous;
     for (int32_t round = 0; round < maxIter; ++round) {
-        slab = SlabTest(plane, inlierDist);
-        // The first round has no earlier inliers to repeat, so it cannot be
-        // the last fit and needs no height.
-        RoundInliers inliers(r.planeCalib, round > 0);
-        streamBand(scan, slab, inliers, nullptr);
-        const pa_detail::PlaneSums sums = inliers.sums();
-        if (sums.m < kMinInliers) return start;
-        if (round > 0 && sameSums(sums, previous)) {
-            r.planeHeight = inliers.lowestHeight();
+        roundPlane = plane;
+        // A round after the first keeps the height its inliers have under the
+        // rotation of the plane that chose them: should it take the same
+        // inliers as the round before, that plane is final and so is this
+        // height. The first round has no earlier inliers to repeat.
+        const RoundInliers inliers = round > 0 ? sumInliers<true>(scan, roundPlane, inlierDist, r.planeCalib)
+                                               : sumInliers<false>(scan, roundPlane, inlierDist, r.planeCalib);
+        if (inliers.sums.m < kMinInliers) return start;
+        if (round > 0 && sameSums(inliers.sums, previous)) {
+            r.planeHeight = inliers.lowestHeight;
             return r;
         }
-        const cv::Vec4d fit = pa_detail::solvePlane(sums);
+        const cv::Vec4d fit = pa_detail::solvePlane(inliers.sums);
         r = levellingRotations(fit);
         plane = planeOfFit(fit);
-        previous = sums;
+        previous = inliers.sums;
     }
     // Stopped by the limit: the last round's inliers, levelled by the last fit.
-    LowestLevelledHeight lowest(r.planeCalib);
-    streamBand(scan, slab, lowest, nullptr);
-    r.planeHeight = lowest.value();
+    r.planeHeight = sumInliers<true>(scan, roundPlane, inlierDist, r.planeCalib).lowestHeight;
     return r;
 }
 
