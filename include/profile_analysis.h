@@ -467,7 +467,7 @@ PA_API SHX_planeCalibPara hx_getPlaneCalibPara_ROIs(const SKesp3DLaserLine* line
 /// round takes the same inliers as the round before (its least-squares sums
 /// are the same bits, so the fit could not change), or after maxIter rounds.
 /// Each round reads the scan once; a refinement stopped by maxIter reads it
-/// once more for the plane height. Working memory: a few kilobytes.
+/// once more for the plane height. No working memory.
 /// @param[in] lines       array of lineNum scan lines (read only); lines with
 ///                        nPositionCnt < 1 are skipped
 /// @param[in] lineNum     number of lines; 0 or negative (or null lines) means

@@ -285,9 +285,10 @@ public:
     // x * 1 is x), so each sum gets exactly the terms of PlaneSums::add in
     // the same order: the result is bit for bit the same, in fewer
     // instructions.
-    void add(const cv::Point3f& p) {
-        const cv::v_float64x2 xy = cv::v_cvt_f64(cv::v_load_low(&p.x));
-        const cv::v_float64x2 yz = cv::v_cvt_f64(cv::v_load_low(&p.y));
+    void add(const cv::Point3f& p) { add(cv::v_cvt_f64(cv::v_load_low(&p.x)), cv::v_cvt_f64(cv::v_load_low(&p.y))); }
+    /// The same from the pairs (x, y) and (y, z) of a point widened from
+    /// single precision.
+    void add(const cv::v_float64x2& xy, const cv::v_float64x2& yz) {
         squares_ = squares_ + xy * xy;
         mixed_ = mixed_ + xy * yz;
         byX_ = byX_ + cv::v_combine_low(xy, xy) * cv::v_combine_high(cv::v_setall_f64(1.0), yz);
@@ -313,6 +314,7 @@ private:
     int64_t m_ = 0;
 #else
     void add(const cv::Point3f& p) { sums_.add(p); }
+    void add(double x, double y, double z) { sums_.add(x, y, z); }
     const pa_detail::PlaneSums& sums() const { return sums_; }
 
 private:
@@ -613,22 +615,27 @@ LevelPlane planeOfFit(const cv::Vec4d& fit) {
     return {cv::Vec3d(-fit[0] / length, -fit[1] / length, 1.0 / length), fit[3] / length};
 }
 
-/// The coordinates of p rounded to single precision and widened back, the
-/// values the fit takes. Where there are vector conversions they do the
-/// rounding: GCC 12 at -O3 was seen to pair the scalar x and y conversions
-/// into one vector and then use the unrounded y.
-inline void roundToSingle(const SKesp3DPosition& p, double& x, double& y, double& z) {
+/// A scan point rounded to single precision and widened back: the values the
+/// fit takes. Where there are vector conversions they do the rounding: GCC 12
+/// at -O3 was seen to pair scalar x and y conversions into one vector and
+/// then use the unrounded y.
+struct WidenedPoint {
 #if CV_SIMD128_64F
-    const cv::v_float64x2 xy = cv::v_cvt_f64(cv::v_cvt_f32(cv::v_load(&p.x)));
-    x = xy.get0();
-    y = cv::v_extract_n<1>(xy);
-    z = cv::v_cvt_f64(cv::v_cvt_f32(cv::v_setall_f64(p.z))).get0();
+    explicit WidenedPoint(const SKesp3DPosition& p)
+        : xy(cv::v_cvt_f64(cv::v_cvt_f32(cv::v_load(&p.x)))),
+          zz(cv::v_cvt_f64(cv::v_cvt_f32(cv::v_setall_f64(p.z)))),
+          x(xy.get0()),
+          y(cv::v_extract_n<1>(xy)),
+          z(zz.get0()) {}
+    void addTo(StreamingPlaneSums& sums) const { sums.add(xy, cv::v_combine_high(xy, zz)); }
+    cv::v_float64x2 xy, zz;  // (x, y) and (z, z)
 #else
-    x = static_cast<float>(p.x);
-    y = static_cast<float>(p.y);
-    z = static_cast<float>(p.z);
+    explicit WidenedPoint(const SKesp3DPosition& p)
+        : x(static_cast<float>(p.x)), y(static_cast<float>(p.y)), z(static_cast<float>(p.z)) {}
+    void addTo(StreamingPlaneSums& sums) const { sums.add(x, y, z); }
 #endif
-}
+    double x, y, z;
+};
 
 /// What a round keeps of its inliers.
 struct RoundInliers {
@@ -649,22 +656,19 @@ template <bool WithHeight>
 PA_PASS RoundInliers sumInliers(const ScanView& scan, const LevelPlane& plane, double halfWidth,
                                 const double* rotation) {
     const double n0 = plane.normal[0], n1 = plane.normal[1], n2 = plane.normal[2], level = plane.level;
-    // The plain sums, fed from registers: the paired ones read their pairs
-    // of floats from memory.
-    pa_detail::PlaneSums sums;
+    StreamingPlaneSums sums;
     LowestLevelledHeight lowest(rotation);
     for (const LineSpan& line : scan) {
         const SKesp3DPosition* p = line.pts;
         for (int64_t i = 0; i < line.count; ++i) {
-            double x, y, z;
-            roundToSingle(p[i], x, y, z);
-            const double distance = n0 * x + n1 * y + n2 * z - level;
+            const WidenedPoint q(p[i]);
+            const double distance = n0 * q.x + n1 * q.y + n2 * q.z - level;
             if (!(isValidZ(p[i].z) & (std::fabs(distance) < halfWidth))) continue;
-            sums.add(x, y, z);
-            if (WithHeight) lowest.add(x, y, z);
+            q.addTo(sums);
+            if (WithHeight) lowest.add(q.x, q.y, q.z);
         }
     }
-    return {sums, lowest.value()};
+    return {sums.sums(), lowest.value()};
 }
 
 /// Whether two rounds summed the same points: equal sums give the same fit bit
