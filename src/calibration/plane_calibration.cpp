@@ -615,10 +615,18 @@ LevelPlane planeOfFit(const cv::Vec4d& fit) {
     return {cv::Vec3d(-fit[0] / length, -fit[1] / length, 1.0 / length), fit[3] / length};
 }
 
+// GCC 12 at -O3 was seen to pair the scalar conversions of x and y to single
+// precision into one vector and then use the unrounded values (its SLP
+// vectorizer). Where there are vector conversions they do the rounding; where
+// the scalar ones remain, the round that uses them is kept out of that pass.
+#if !CV_SIMD128_64F && defined(__GNUC__) && !defined(__clang__)
+#define PA_NO_SLP __attribute__((optimize("no-tree-slp-vectorize")))
+#else
+#define PA_NO_SLP
+#endif
+
 /// A scan point rounded to single precision and widened back: the values the
-/// fit takes. Where there are vector conversions they do the rounding: GCC 12
-/// at -O3 was seen to pair scalar x and y conversions into one vector and
-/// then use the unrounded y.
+/// fit takes.
 struct WidenedPoint {
 #if CV_SIMD128_64F
     explicit WidenedPoint(const SKesp3DPosition& p)
@@ -653,7 +661,7 @@ struct RoundInliers {
 /// slab's inliers come in long runs (the surface between objects and
 /// dropouts), so the branch is well predicted.
 template <bool WithHeight>
-PA_PASS RoundInliers sumInliers(const ScanView& scan, const LevelPlane& plane, double halfWidth,
+PA_NO_SLP PA_PASS RoundInliers sumInliers(const ScanView& scan, const LevelPlane& plane, double halfWidth,
                                 const double* rotation) {
     const double n0 = plane.normal[0], n1 = plane.normal[1], n2 = plane.normal[2], level = plane.level;
     StreamingPlaneSums sums;
