@@ -455,13 +455,15 @@ PA_API SHX_planeCalibPara hx_getPlaneCalibPara_ROIs(const SKesp3DLaserLine* line
 /// hx_getPlaneCalibPara when objects whose tops lie in the reference
 /// surface's height band (low boxes on a tilted conveyor) pull its fit.
 /// The starting plane is the levelled plane of `start` lifted by the inlier
-/// distance: the points whose levelled height (row 2 of start.planeCalib
-/// times the point) lies within inlierDist of start.planeHeight + inlierDist.
-/// As planeHeight is the lowest levelled point of the calibrated surface,
-/// this slab is the bottom layer of that surface. Each round takes the valid
-/// points (z >= 0.0001) whose single-precision coordinates lie less than
-/// inlierDist (perpendicular distance) from the current plane, fits them with
-/// the calibration's least-squares fit z = a x + b y + e, and rebuilds
+/// distance: levelled height (row 2 of start.planeCalib times the point)
+/// start.planeHeight + inlierDist. The first round therefore takes the points
+/// whose levelled height lies strictly between start.planeHeight and
+/// start.planeHeight + 2 inlierDist: planeHeight being the lowest levelled
+/// point of the calibrated surface, that is the bottom layer of the surface,
+/// from which the following rounds spread over all of it. Each round takes
+/// the valid points (z >= 0.0001) whose single-precision coordinates lie less
+/// than inlierDist (perpendicular distance) from the current plane, fits them
+/// with the calibration's least-squares fit z = a x + b y + e, and rebuilds
 /// planeCalib and invRMatrix from the fit exactly as hx_getPlaneCalibPara
 /// does; the fitted plane is the next round's plane. The rounds stop when a
 /// round takes the same inliers as the round before (its least-squares sums

@@ -662,7 +662,7 @@ struct RoundInliers {
 /// dropouts), so the branch is well predicted.
 template <bool WithHeight>
 PA_NO_SLP PA_PASS RoundInliers sumInliers(const ScanView& scan, const LevelPlane& plane, double halfWidth,
-                                const double* rotation) {
+                                          const double* rotation) {
     const double n0 = plane.normal[0], n1 = plane.normal[1], n2 = plane.normal[2], level = plane.level;
     StreamingPlaneSums sums;
     LowestLevelledHeight lowest(rotation);
