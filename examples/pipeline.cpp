@@ -153,8 +153,13 @@ double bandWidth(const PipelineConfig& cfg) {
 // Heights of the points in the plane's band after levelling, and the same
 // points before, as standard deviations; and how many there are.
 void measureFloorBand(const Scan& raw, const Scan& levelled, double plane, const PipelineConfig& cfg,
-                      PipelineResult& r) {
-    double s1 = 0, s2 = 0, t1 = 0, t2 = 0;
+                      const SHX_planeCalibPara& unrefined, const SHX_planeCalibPara& refined, PipelineResult& r) {
+    // Heights the unrefined calibration would give a levelled point: row 2 of
+    // its rotation times the refined inverse rotation.
+    double w[3] = {0, 0, 0};
+    for (int j = 0; j < 3; ++j)
+        for (int k = 0; k < 3; ++k) w[j] += unrefined.planeCalib[6 + k] * refined.invRMatrix[3 * k + j];
+    double s1 = 0, s2 = 0, t1 = 0, t2 = 0, u1 = 0, u2 = 0;
     r.floorPoints = 0;
     for (size_t i = 0; i < levelled.size(); ++i)
         for (size_t j = 0; j < levelled[i].size(); ++j) {
@@ -166,12 +171,16 @@ void measureFloorBand(const Scan& raw, const Scan& levelled, double plane, const
             s2 += z0 * z0;
             t1 += z;
             t2 += z * z;
+            const double zu = w[0] * levelled[i][j].x + w[1] * levelled[i][j].y + w[2] * z;
+            u1 += zu;
+            u2 += zu * zu;
         }
-    r.floorSpreadBefore = r.floorSpreadAfter = 0.0;
+    r.floorSpreadBefore = r.floorSpreadAfter = r.floorSpreadUnrefined = 0.0;
     if (r.floorPoints > 1) {
         const double m = static_cast<double>(r.floorPoints);
         r.floorSpreadBefore = std::sqrt(std::max(0.0, s2 / m - (s1 / m) * (s1 / m)));
         r.floorSpreadAfter = std::sqrt(std::max(0.0, t2 / m - (t1 / m) * (t1 / m)));
+        r.floorSpreadUnrefined = std::sqrt(std::max(0.0, u2 / m - (u1 / m) * (u1 / m)));
     }
     r.floorShare = r.validPoints > 0 ? static_cast<double>(r.floorPoints) / static_cast<double>(r.validPoints) : 0.0;
 }
@@ -197,6 +206,7 @@ void deriveDefaults(const Scan& scan, PipelineConfig& c, bool builtIn) {
     const SKesp3DRangeD box = hx_getScanDataROI_vector(scan);
     const double lengthX = box.xRange.max - box.xRange.min, widthY = box.yRange.max - box.yRange.min;
     if (c.heightLimit <= 0 && builtIn) c.heightLimit = 40.0;
+    if (c.planeInlierDist <= 0) c.planeInlierDist = 0.4 * py;
     if (c.objectHeight <= 0) c.objectHeight = std::max(1.0, 12 * py);
     if (c.smoothWindow <= 0) c.smoothWindow = 5;
     if (c.featureRange <= 0) c.featureRange = 40 * py;
@@ -236,6 +246,11 @@ PipelineResult runPipeline(Scan& scan, const PipelineConfig& cfg) {
     // 2. Plane calibration and levelling with the height limit.
     clock.run([&] { r.calib = hx_getPlaneCalibPara(lines.data(), n); });
     r.calibrated = r.calib.planeHeight != -1.0;
+    // Refit the plane to the points near it: objects whose tops share the
+    // plane's height band pull the histogram's fit.
+    const SHX_planeCalibPara unrefined = r.calib;
+    constexpr int32_t kRefineRounds = 10;
+    clock.run([&] { r.calib = hx_refinePlaneCalibPara(lines.data(), n, r.calib, cfg.planeInlierDist, kRefineRounds); });
     double plane = 0.0;
     if (r.calibrated) {
         // Levelled on a copy first: the scan is only levelled when the plane
@@ -249,7 +264,9 @@ PipelineResult runPipeline(Scan& scan, const PipelineConfig& cfg) {
         double R[3][3];
         for (int k = 0; k < 9; ++k) R[k / 3][k % 3] = r.calib.invRMatrix[k];
         r.tilt = rotationMatrixToEulerZYX(R);
-        measureFloorBand(scan, levelled, r.calib.planeHeight, cfg, r);
+        for (int k = 0; k < 9; ++k) R[k / 3][k % 3] = unrefined.invRMatrix[k];
+        r.tiltUnrefined = rotationMatrixToEulerZYX(R);
+        measureFloorBand(scan, levelled, r.calib.planeHeight, cfg, unrefined, r.calib, r);
         judgeReferencePlane(r, cfg);
         r.levelled = r.planeTrusted || cfg.forceLevel;
         if (r.levelled) {

@@ -15,6 +15,7 @@ using Scan = std::vector<std::vector<SKesp3DPosition>>;
 /// the scan's extent and point pitch by deriveDefaults.
 struct PipelineConfig {
     double heightLimit = 0.0;     ///< levelling height limit above the plane (0: off)
+    double planeInlierDist = 0.0; ///< inlier distance of the plane refinement
     double objectHeight = 0.0;    ///< height above the plane that counts as an object
     int smoothWindow = 0;         ///< smoothing span in points
     double featureRange = 0.0;    ///< neighbourhood along y of the peak detectors
@@ -56,6 +57,8 @@ struct PipelineResult {
     std::string planeDoubt;               ///< why it does not, when it does not
     bool levelled = false;                ///< the scan was levelled (trusted, or forced)
     SHX_EulerAngles tilt;                 ///< sensor tilt recovered from the inverse rotation
+    SHX_EulerAngles tiltUnrefined;        ///< the same from the calibration before its refinement
+    double floorSpreadUnrefined = 0.0;    ///< std dev of floor heights levelled without the refinement
     double floorSpreadBefore = 0.0, floorSpreadAfter = 0.0;  ///< std dev of floor heights
     long floorPoints = 0;
     double floorShare = 0.0;              ///< floorPoints / validPoints

@@ -36,6 +36,7 @@ void usage() {
         "                         (default off; built-in scan 40)\n"
         "  --force-level          level the scan on the calibrated plane even when that plane\n"
         "                         does not look like a floor (too few points in it, or not flat)\n"
+        "  --plane-inlier-dist V  refinement of the plane: largest distance of its points (0.4 p)\n"
         "  --object-height V      height above the plane that counts as an object (12 p)\n"
         "  --smooth-window N      smoothing span in points (5)\n"
         "  --feature-range V      neighbourhood of the peak detectors along y (40 p)\n"
@@ -93,6 +94,7 @@ Options parseArgs(int argc, char** argv) {
         else if (a == "--z-scale") o.units.zScale = num();
         else if (a == "--height-limit") o.cfg.heightLimit = num();
         else if (a == "--force-level") o.cfg.forceLevel = true;
+        else if (a == "--plane-inlier-dist") o.cfg.planeInlierDist = num();
         else if (a == "--object-height") o.cfg.objectHeight = num();
         else if (a == "--smooth-window") o.cfg.smoothWindow = static_cast<int>(num());
         else if (a == "--feature-range") o.cfg.featureRange = num();
@@ -134,9 +136,13 @@ void printLevelling(const PipelineResult& r, const Options& o, const SyntheticSc
     std::printf("   plane height:          %.4f\n", r.calib.planeHeight);
     std::printf("   recovered tilt:        roll %.4f pitch %.4f yaw %.4f degrees\n", r.tilt.roll, r.tilt.pitch,
                 r.tilt.yaw);
+    std::printf("   before refinement:     roll %.4f pitch %.4f yaw %.4f degrees (histogram fit; refined with\n"
+                "                          the points within %.3g of the plane)\n",
+                r.tiltUnrefined.roll, r.tiltUnrefined.pitch, r.tiltUnrefined.yaw, o.cfg.planeInlierDist);
     if (scene) std::printf("   built-in tilt:         roll %.4f pitch %.4f degrees\n", scene->rollDeg, scene->pitchDeg);
     std::printf("   floor height spread:   %.4f before, %.4f after levelling (std dev, %ld floor points, %.1f%%)\n",
                 r.floorSpreadBefore, r.floorSpreadAfter, r.floorPoints, 100.0 * r.floorShare);
+    std::printf("   without refinement:    %.4f after levelling by the histogram fit\n", r.floorSpreadUnrefined);
     if (o.cfg.heightLimit > 0)
         std::printf("   height limit:          %ld points above %.1f over the plane dropped\n", r.cutByHeightLimit,
                     o.cfg.heightLimit);

@@ -450,6 +450,59 @@ PA_API SHX_planeCalibPara hx_getPlaneCalibPara2(const std::vector<std::vector<SK
 PA_API SHX_planeCalibPara hx_getPlaneCalibPara_ROIs(const SKesp3DLaserLine* lines, int32_t lineNum,
                                                     const std::vector<SKesp3DRangeD>& rois);
 
+/// Refines a plane calibration by refitting the plane to the points near it,
+/// round after round (deterministic, no sampling). Use it after
+/// hx_getPlaneCalibPara when objects whose tops lie in the reference
+/// surface's height band (low boxes on a tilted conveyor) pull its fit.
+/// The starting plane is the levelled plane of `start` lifted by the inlier
+/// distance: levelled height (row 2 of start.planeCalib times the point)
+/// start.planeHeight + inlierDist. The first round therefore takes the points
+/// whose levelled height lies strictly between start.planeHeight and
+/// start.planeHeight + 2 inlierDist: planeHeight being the lowest levelled
+/// point of the calibrated surface, that is the bottom layer of the surface,
+/// from which the following rounds spread over all of it. Each round takes
+/// the valid points (z >= 0.0001) whose single-precision coordinates lie less
+/// than inlierDist (perpendicular distance) from the current plane, fits them
+/// with the calibration's least-squares fit z = a x + b y + e, and rebuilds
+/// planeCalib and invRMatrix from the fit exactly as hx_getPlaneCalibPara
+/// does; the fitted plane is the next round's plane. The rounds stop when a
+/// round takes the same inliers as the round before (its least-squares sums
+/// are the same bits, so the fit could not change), or after maxIter rounds.
+/// Each round reads the scan once; a refinement stopped by maxIter reads it
+/// once more for the plane height. No working memory.
+/// @param[in] lines       array of lineNum scan lines (read only); lines with
+///                        nPositionCnt < 1 are skipped
+/// @param[in] lineNum     number of lines; 0 or negative (or null lines) means
+///                        no point, so the start is returned
+/// @param[in] start       the calibration to refine, usually the result of
+///                        hx_getPlaneCalibPara on the same scan
+/// @param[in] inlierDist  largest distance of an inlier from the plane, in
+///                        units of the scan (strictly below); a few times the
+///                        height noise of the surface
+/// @param[in] maxIter     largest number of rounds; 0 or below returns the start
+/// @return the same record as the calibration: planeCalib levels the last fit,
+///         invRMatrix is its inverse, planeHeight is the lowest levelled z of
+///         the last round's inliers (rounded to single precision as in
+///         hx_getPlaneCalibPara). The start itself, unchanged, when it is a
+///         failed calibration (planeHeight -1.0), when inlierDist is 0 or
+///         below or NaN, or when any round finds fewer than 3 inliers.
+///         A round whose inliers lie on one line fits a singular system,
+///         whose plane is z = 0 (identity matrices), as in the calibration.
+///         Out of contract: a NaN or infinite coordinate (or one beyond
+///         single precision's range) makes its point no inlier; a start whose
+///         matrix or height is NaN has no inliers and is returned.
+PA_API SHX_planeCalibPara hx_refinePlaneCalibPara(const SKesp3DLaserLine* lines, int32_t lineNum,
+                                                  const SHX_planeCalibPara& start, double inlierDist,
+                                                  int32_t maxIter);
+
+/// hx_refinePlaneCalibPara on a scan held as one vector of points per line.
+/// @param[in] scan  the scan (read only); empty inner vectors are skipped
+/// @return the same record, bit for bit, as hx_refinePlaneCalibPara on the
+///         same points.
+PA_API SHX_planeCalibPara hx_refinePlaneCalibPara_vector(const std::vector<std::vector<SKesp3DPosition>>& scan,
+                                                         const SHX_planeCalibPara& start, double inlierDist,
+                                                         int32_t maxIter);
+
 // ===========================================================================
 // Profile preprocessing
 // ===========================================================================

@@ -520,8 +520,9 @@ struct PlaneSums {
     double sxz = 0.0, syz = 0.0, sz = 0.0;
     int64_t m = 0;
 
-    void add(const cv::Point3f& p) {
-        const double x = p.x, y = p.y, z = p.z;
+    void add(const cv::Point3f& p) { add(p.x, p.y, p.z); }
+    /// The same for coordinates already widened from single precision.
+    void add(double x, double y, double z) {
         sxx += x * x;
         sxy += x * y;
         syy += y * y;

@@ -34,6 +34,8 @@ constexpr double kMaxHistogramBins = 1e8;
 /// Interleaved counter copies for histograms of up to kMaxLanedBins bins.
 constexpr int kHistogramLanes = 4;
 constexpr size_t kMaxLanedBins = 1 << 16;
+/// planeHeight of a failed calibration.
+constexpr double kFailedPlaneHeight = -1.0;
 /// Half width of the box that smooths the histogram (11 bins in all).
 constexpr int32_t kSmoothRadius = 5;
 /// The reference peak must hold more than total / kPeakShareDivisor points.
@@ -58,6 +60,29 @@ struct LineSpan {
 };
 using ScanView = std::vector<LineSpan>;
 
+/// The lines of a scan held as line records that hold points.
+ScanView viewOf(const SKesp3DLaserLine* lines, int32_t lineNum) {
+    ScanView scan;
+    if (lines != nullptr && lineNum > 0) {
+        scan.reserve(static_cast<size_t>(lineNum));
+        for (int32_t l = 0; l < lineNum; ++l) {
+            if (lines[l].nPositionCnt >= 1 && lines[l].p3DPosition != nullptr)
+                scan.push_back({lines[l].p3DPosition, lines[l].nPositionCnt});
+        }
+    }
+    return scan;
+}
+
+/// The lines of a scan held as vectors that hold points.
+ScanView viewOf(const std::vector<std::vector<SKesp3DPosition>>& scan) {
+    ScanView view;
+    view.reserve(scan.size());
+    for (const auto& line : scan) {
+        if (!line.empty()) view.push_back({line.data(), static_cast<int64_t>(line.size())});
+    }
+    return view;
+}
+
 /// A measured point whose height can enter a histogram: valid and finite
 /// (NaN fails the validity test, +inf the upper bound).
 inline bool isCalibrationZ(double z) { return isValidZ(z) && z <= DBL_MAX; }
@@ -72,7 +97,7 @@ SHX_planeCalibPara failedCalibration() {
     const double identity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
     std::copy(identity, identity + 9, r.planeCalib);
     std::copy(identity, identity + 9, r.invRMatrix);
-    r.planeHeight = -1.0;
+    r.planeHeight = kFailedPlaneHeight;
     return r;
 }
 
@@ -260,9 +285,10 @@ public:
     // x * 1 is x), so each sum gets exactly the terms of PlaneSums::add in
     // the same order: the result is bit for bit the same, in fewer
     // instructions.
-    void add(const cv::Point3f& p) {
-        const cv::v_float64x2 xy = cv::v_cvt_f64(cv::v_load_low(&p.x));
-        const cv::v_float64x2 yz = cv::v_cvt_f64(cv::v_load_low(&p.y));
+    void add(const cv::Point3f& p) { add(cv::v_cvt_f64(cv::v_load_low(&p.x)), cv::v_cvt_f64(cv::v_load_low(&p.y))); }
+    /// The same from the pairs (x, y) and (y, z) of a point widened from
+    /// single precision.
+    void add(const cv::v_float64x2& xy, const cv::v_float64x2& yz) {
         squares_ = squares_ + xy * xy;
         mixed_ = mixed_ + xy * yz;
         byX_ = byX_ + cv::v_combine_low(xy, xy) * cv::v_combine_high(cv::v_setall_f64(1.0), yz);
@@ -288,6 +314,7 @@ private:
     int64_t m_ = 0;
 #else
     void add(const cv::Point3f& p) { sums_.add(p); }
+    void add(double x, double y, double z) { sums_.add(x, y, z); }
     const pa_detail::PlaneSums& sums() const { return sums_; }
 
 private:
@@ -425,9 +452,11 @@ public:
     explicit LowestLevelledHeight(const double* rotation) : rotation_(rotation) {}
     // Starting from +inf, a strict comparison keeps the first of equal
     // heights, as a minimum seeded with the first point would.
-    void add(const cv::Point3f& p) {
-        const float z = static_cast<float>(levelledHeight(rotation_, p.x, p.y, p.z));
-        lowest_ = z < lowest_ ? z : lowest_;
+    void add(const cv::Point3f& p) { add(p.x, p.y, p.z); }
+    /// The same for coordinates already widened from single precision.
+    void add(double x, double y, double z) {
+        const float h = static_cast<float>(levelledHeight(rotation_, x, y, z));
+        lowest_ = h < lowest_ ? h : lowest_;
         ++count_;
     }
     float lowest() const { return lowest_; }
@@ -556,27 +585,143 @@ inline bool inRegion(const SKesp3DRangeD& r, double x, double y, double z) {
            y <= r.zRange.max;
 }
 
+// ---------------------------------------------------------------------------
+// Refinement: the plane refitted to the points near it, round after round.
+// ---------------------------------------------------------------------------
+
+/// A round needs this many inliers for a plane.
+constexpr int64_t kMinInliers = 3;
+
+/// A plane as its upward unit normal n and its level c: the signed distance
+/// of a point p above it is n . p - c.
+struct LevelPlane {
+    cv::Vec3d normal;
+    double level;
+};
+
+/// The plane a refinement starts from: the levelled plane of the start
+/// (normal = row 2 of planeCalib, the direction of levelled heights) at
+/// planeHeight + inlierDist. planeHeight is the lowest point of the surface
+/// the calibration fitted, so the first round's slab, from planeHeight to
+/// planeHeight + 2 inlierDist, lies on the bottom layer of that surface.
+LevelPlane startingPlane(const SHX_planeCalibPara& start, double inlierDist) {
+    const double* row2 = start.planeCalib + 6;
+    return {cv::Vec3d(row2[0], row2[1], row2[2]), start.planeHeight + inlierDist};
+}
+
+/// The plane z = a x + b y + e of a fit (a, b, -1, e).
+LevelPlane planeOfFit(const cv::Vec4d& fit) {
+    const double length = std::sqrt(fit[0] * fit[0] + fit[1] * fit[1] + 1.0);
+    return {cv::Vec3d(-fit[0] / length, -fit[1] / length, 1.0 / length), fit[3] / length};
+}
+
+// GCC 12 at -O3 was seen to pair the scalar conversions of x and y to single
+// precision into one vector and then use the unrounded values (its SLP
+// vectorizer). Where there are vector conversions they do the rounding; where
+// the scalar ones remain, the round that uses them is kept out of that pass.
+#if !CV_SIMD128_64F && defined(__GNUC__) && !defined(__clang__)
+#define PA_NO_SLP __attribute__((optimize("no-tree-slp-vectorize")))
+#else
+#define PA_NO_SLP
+#endif
+
+/// A scan point rounded to single precision and widened back: the values the
+/// fit takes.
+struct WidenedPoint {
+#if CV_SIMD128_64F
+    explicit WidenedPoint(const SKesp3DPosition& p)
+        : xy(cv::v_cvt_f64(cv::v_cvt_f32(cv::v_load(&p.x)))),
+          zz(cv::v_cvt_f64(cv::v_cvt_f32(cv::v_setall_f64(p.z)))),
+          x(xy.get0()),
+          y(cv::v_extract_n<1>(xy)),
+          z(zz.get0()) {}
+    void addTo(StreamingPlaneSums& sums) const { sums.add(xy, cv::v_combine_high(xy, zz)); }
+    cv::v_float64x2 xy, zz;  // (x, y) and (z, z)
+#else
+    explicit WidenedPoint(const SKesp3DPosition& p)
+        : x(static_cast<float>(p.x)), y(static_cast<float>(p.y)), z(static_cast<float>(p.z)) {}
+    void addTo(StreamingPlaneSums& sums) const { sums.add(x, y, z); }
+#endif
+    double x, y, z;
+};
+
+/// What a round keeps of its inliers.
+struct RoundInliers {
+    pa_detail::PlaneSums sums;
+    double lowestHeight;  ///< as LowestLevelledHeight::value
+};
+
+/// One round over the scan. The inliers are the valid points (z >= 0.0001)
+/// whose single-precision coordinates, the ones the fit takes, lie less than
+/// halfWidth from the plane; a NaN or infinite coordinate (or one beyond
+/// single precision) gives a NaN or infinite distance, which is never below
+/// halfWidth. Returns their least-squares sums in scan order and, WithHeight,
+/// their lowest levelled height under `rotation`. A point is tested and
+/// summed in one step, without a buffer: unlike the calibration's band, the
+/// slab's inliers come in long runs (the surface between objects and
+/// dropouts), so the branch is well predicted.
+template <bool WithHeight>
+PA_NO_SLP PA_PASS RoundInliers sumInliers(const ScanView& scan, const LevelPlane& plane, double halfWidth,
+                                          const double* rotation) {
+    const double n0 = plane.normal[0], n1 = plane.normal[1], n2 = plane.normal[2], level = plane.level;
+    StreamingPlaneSums sums;
+    LowestLevelledHeight lowest(rotation);
+    for (const LineSpan& line : scan) {
+        const SKesp3DPosition* p = line.pts;
+        for (int64_t i = 0; i < line.count; ++i) {
+            const WidenedPoint q(p[i]);
+            const double distance = n0 * q.x + n1 * q.y + n2 * q.z - level;
+            if (!(isValidZ(p[i].z) & (std::fabs(distance) < halfWidth))) continue;
+            q.addTo(sums);
+            if (WithHeight) lowest.add(q.x, q.y, q.z);
+        }
+    }
+    return {sums.sums(), lowest.value()};
+}
+
+/// Whether two rounds summed the same points: equal sums give the same fit bit
+/// for bit, so the next round would take the same inliers again.
+bool sameSums(const pa_detail::PlaneSums& a, const pa_detail::PlaneSums& b) {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+SHX_planeCalibPara refineCalibration(const ScanView& scan, const SHX_planeCalibPara& start, double inlierDist,
+                                     int32_t maxIter) {
+    if (start.planeHeight == kFailedPlaneHeight || !(inlierDist > 0.0) || maxIter < 1) return start;
+    SHX_planeCalibPara r = start;
+    LevelPlane plane = startingPlane(start, inlierDist), roundPlane = plane;
+    pa_detail::PlaneSums previous;
+    for (int32_t round = 0; round < maxIter; ++round) {
+        roundPlane = plane;
+        // A round after the first keeps the height its inliers have under the
+        // rotation of the plane that chose them: should it take the same
+        // inliers as the round before, that plane is final and so is this
+        // height. The first round has no earlier inliers to repeat.
+        const RoundInliers inliers = round > 0 ? sumInliers<true>(scan, roundPlane, inlierDist, r.planeCalib)
+                                               : sumInliers<false>(scan, roundPlane, inlierDist, r.planeCalib);
+        if (inliers.sums.m < kMinInliers) return start;
+        if (round > 0 && sameSums(inliers.sums, previous)) {
+            r.planeHeight = inliers.lowestHeight;
+            return r;
+        }
+        const cv::Vec4d fit = pa_detail::solvePlane(inliers.sums);
+        r = levellingRotations(fit);
+        plane = planeOfFit(fit);
+        previous = inliers.sums;
+    }
+    // Stopped by the limit: the last round's inliers, levelled by the last fit.
+    r.planeHeight = sumInliers<true>(scan, roundPlane, inlierDist, r.planeCalib).lowestHeight;
+    return r;
+}
+
 }  // namespace
 
 PA_API SHX_planeCalibPara hx_getPlaneCalibPara(const SKesp3DLaserLine* lines, int32_t lineNum) {
-    ScanView scan;
-    if (lines != nullptr && lineNum > 0) {
-        scan.reserve(static_cast<size_t>(lineNum));
-        for (int32_t l = 0; l < lineNum; ++l) {
-            if (lines[l].nPositionCnt >= 1 && lines[l].p3DPosition != nullptr)
-                scan.push_back({lines[l].p3DPosition, lines[l].nPositionCnt});
-        }
-    }
-    return calibrateScan(scan);
+    return calibrateScan(viewOf(lines, lineNum));
 }
 
 PA_API SHX_planeCalibPara hx_getPlaneCalibPara2(const std::vector<std::vector<SKesp3DPosition>>& scan) {
-    ScanView view;
-    view.reserve(scan.size());
-    for (const auto& line : scan) {
-        if (!line.empty()) view.push_back({line.data(), static_cast<int64_t>(line.size())});
-    }
-    return calibrateScan(view);
+    return calibrateScan(viewOf(scan));
 }
 
 PA_API SHX_planeCalibPara hx_getPlaneCalibPara_ROIs(const SKesp3DLaserLine* lines, int32_t lineNum,
@@ -598,4 +743,16 @@ PA_API SHX_planeCalibPara hx_getPlaneCalibPara_ROIs(const SKesp3DLaserLine* line
     for (const cv::Point3f& q : pts) lowest.add(q);
     r.planeHeight = lowest.value();
     return r;
+}
+
+PA_API SHX_planeCalibPara hx_refinePlaneCalibPara(const SKesp3DLaserLine* lines, int32_t lineNum,
+                                                  const SHX_planeCalibPara& start, double inlierDist,
+                                                  int32_t maxIter) {
+    return refineCalibration(viewOf(lines, lineNum), start, inlierDist, maxIter);
+}
+
+PA_API SHX_planeCalibPara hx_refinePlaneCalibPara_vector(const std::vector<std::vector<SKesp3DPosition>>& scan,
+                                                         const SHX_planeCalibPara& start, double inlierDist,
+                                                         int32_t maxIter) {
+    return refineCalibration(viewOf(scan), start, inlierDist, maxIter);
 }
