@@ -223,10 +223,29 @@ std::vector<cv::Point3f> pointsWithin(const Scan& scan, double zLow, double zHig
     return out;
 }
 
+SKesp3DRangeD region(double x0, double x1, double y0, double y1, double z0, double z1) {
+    SKesp3DRangeD r;
+    r.xRange = {x0, x1};
+    r.yRange = {y0, y1};
+    r.zRange = {z0, z1};
+    return r;
+}
+
+SHX_planeCalibPara calibrateRegions(Scan& scan, const std::vector<SKesp3DRangeD>& rois) {
+    auto lines = testutil::linesOf(scan);
+    return hx_getPlaneCalibPara_ROIs(lines.data(), static_cast<int32_t>(lines.size()), rois);
+}
+
+SHX_planeCalibPara levelledIdentity(double height) {
+    SHX_planeCalibPara r = refFailure();
+    r.planeHeight = height;
+    return r;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
-// Failures and degenerate scans
+// Hand-worked histograms
 // ---------------------------------------------------------------------------
 
 TEST(PlaneCalib, EmptyAndUnmeasuredScansFail) {
@@ -242,61 +261,40 @@ TEST(PlaneCalib, EmptyAndUnmeasuredScansFail) {
     expectFailure(hx_getPlaneCalibPara2(unmeasured));
 }
 
-TEST(PlaneCalib, HorizontalPlaneIsOneBinAndFails) {
-    Scan scan(4);
-    for (int i = 0; i < 4; ++i)
-        for (int j = 0; j < 30; ++j) scan[i].push_back(pt(i, j, 50.0));
-    expectFailure(calibrate(scan));
-}
-
-TEST(PlaneCalib, PeakMustExceedATenthStrictly) {
-    // Six bins or fewer: the box sums are flat, so the raw counts are used.
-    // Counts 1 2 1 15 1 (total 20, a tenth is 2): the peak of 2 at bin 1 is
-    // skipped; bin 3 wins and the band runs from the valley at bin 2 (count 1,
-    // below 15 / 2) to the top of the scan.
-    Scan skip{binnedLine(10.0, {1, 2, 1, 15, 1})};
-    expectSameRecord(calibrate(skip), refLevel(pointsWithin(skip, 12.0, 1e9)));
-    // Counts 1 3 1 14 1: the peak of 3 at bin 1 wins; the valley at bin 2 is
-    // not below 3 / 2 = 1, so the band is the whole scan.
-    Scan take{binnedLine(10.0, {1, 3, 1, 14, 1})};
-    const auto r = calibrate(take);
-    expectSameRecord(r, refLevel(pointsWithin(take, 0.0, 1e9)));
-    EXPECT_FALSE(sameBits(r, refLevel(pointsWithin(take, 12.0, 1e9))));
-}
-
-TEST(PlaneCalib, LastBinAsymmetry) {
-    // A rise that begins only with the step into the last bin records no peak.
-    Scan late{binnedLine(10.0, {2, 2, 2, 5})};
-    expectFailure(calibrate(late));
-    Scan lateAfterFall{binnedLine(10.0, {3, 1, 1, 5})};
-    expectFailure(calibrate(lateAfterFall));
-    // A rise that runs into the last bin ends in a peak there: band from the
-    // valley at bin 1 upward.
-    Scan rising{binnedLine(10.0, {3, 1, 5, 6})};
-    expectSameRecord(calibrate(rising), refLevel(pointsWithin(rising, 11.0, 1e9)));
-}
-
-TEST(PlaneCalib, FallIntoLastBinIsAValleyThatCutsTheBand) {
-    // Counts 1 6 3 2: peak 6 at bin 1, a valley of 2 (< 3) at the last bin, so
-    // the band ends at that bin's lower edge z = 13: the point at 13.0 is in,
-    // the one at 13.5 (the highest of the scan) is out.
-    Scan scan{binnedLine(10.0, {1, 6, 3, 1})};
-    scan[0].push_back(pt(7, 3, 13.0, 99));
-    const auto r = calibrate(scan);
-    expectSameRecord(r, refLevel(pointsWithin(scan, 0.0, 13.0)));
-    EXPECT_FALSE(sameBits(r, refLevel(pointsWithin(scan, 0.0, 13.5))));
-}
-
-TEST(PlaneCalib, ThinFloorInTheFirstBinsRecordsNoPeak) {
-    // A floor three units thick at the bottom of a 30-bin histogram: its box
-    // sums start at their maximum and only fall, and the first bin is never a
-    // peak, so the box above it (bins 20..29) is the reference, cut below at
-    // the empty valley (bin 14).
-    std::vector<int> counts(30, 0);
-    counts[0] = counts[1] = counts[2] = 10;
-    for (int b = 20; b < 30; ++b) counts[b] = 3;
-    Scan scan{binnedLine(100.0, counts)};
-    expectSameRecord(calibrate(scan), refLevel(pointsWithin(scan, 114.0, 1e9)));
+TEST(PlaneCalib, BandFromTheHistogram) {
+    constexpr double kTop = 1e9, kFail = -1.0;
+    std::vector<int> thinFloor(30, 0);  // a floor 3 thick at the bottom, a box of 3 per bin in bins 20..29
+    thinFloor[0] = thinFloor[1] = thinFloor[2] = 10;
+    std::fill(thinFloor.begin() + 20, thinFloor.end(), 3);
+    struct Case {
+        const char* what;
+        double zMin;
+        std::vector<int> counts;  // per bin; six bins or fewer have flat box sums, so the raw counts are used
+        double extraZ;            // one more point at this height (0: none)
+        double bandLow, bandHigh; // expected band; bandLow kFail: calibration fails
+    } cases[] = {
+        {"one bin (a horizontal plane) holds no peak", 50.0, {120}, 0, kFail, 0},
+        {"counts 1 2 1 15 1: the peak of 2 is not above a tenth of 20, bin 3 wins; band from the valley at bin 2",
+         10.0, {1, 2, 1, 15, 1}, 0, 12.0, kTop},
+        {"counts 1 3 1 14 1: the peak of 3 wins; the valley of 1 is not below 3 / 2, so the band is the whole scan",
+         10.0, {1, 3, 1, 14, 1}, 0, 0.0, kTop},
+        {"a rise that begins only with the step into the last bin records no peak", 10.0, {2, 2, 2, 5}, 0, kFail, 0},
+        {"likewise after a fall", 10.0, {3, 1, 1, 5}, 0, kFail, 0},
+        {"a rise that runs into the last bin ends in a peak there", 10.0, {3, 1, 5, 6}, 0, 11.0, kTop},
+        {"a fall into the last bin is a valley (2 < 3) that ends the band at z = 13: 13.0 is in, 13.5 out", 10.0,
+         {1, 6, 3, 1}, 13.0, 0.0, 13.0},
+        {"a thin floor in the first bins only falls and the first bin is never a peak: the box above wins, cut at "
+         "the empty valley (bin 14)",
+         100.0, thinFloor, 0, 114.0, kTop},
+    };
+    for (const Case& c : cases) {
+        Scan scan{binnedLine(c.zMin, c.counts)};
+        if (c.extraZ != 0) scan[0].push_back(pt(7, 3, c.extraZ, 99));
+        const auto got = calibrate(scan);
+        if (c.bandLow == kFail) expectFailure(got);
+        else expectSameRecord(got, refLevel(pointsWithin(scan, c.bandLow, c.bandHigh)));
+        if (HasFailure()) FAIL() << c.what;
+    }
 }
 
 TEST(PlaneCalib, UnmeasuredPointsNeverEnter) {
@@ -319,16 +317,38 @@ TEST(PlaneCalib, SingularBandGivesIdentityAndLowestHeight) {
     // The values are exact binary fractions so that the singularity is exact.
     Scan scan{{}};
     for (int j = 0; j < 64; ++j) scan[0].push_back(pt(2.0, j, 10.25 + 0.125 * j));
-    const auto r = calibrate(scan);
-    for (int k = 0; k < 9; ++k) {
-        EXPECT_EQ(r.planeCalib[k], kIdentity[k]);
-        EXPECT_EQ(r.invRMatrix[k], kIdentity[k]);
-    }
-    EXPECT_EQ(r.planeHeight, 10.25);
+    expectSameRecord(calibrate(scan), levelledIdentity(10.25));
+    // A floor of 500 equal points at z = 10 and an object of 200 equal points
+    // at z = 40 (bin 30, the last): the box sums are 500 over bins 0..5, 0
+    // over 6..24 and 200 over 25..30. The first bin is never a peak, so the
+    // object's rise into the last bin is the peak (200 > 700 / 10), cut below
+    // at the empty valley (bin 24). Its points all coincide: the fit is
+    // singular, and every block of points holds the same lowest height, 40.
+    Scan blocks(3);
+    for (int k = 0; k < 700; ++k) blocks[k % 3].push_back(k < 500 ? pt(-3.0, 7.0, 10.0) : pt(2.5, -1.0, 40.0));
+    expectSameRecord(calibrate(blocks), levelledIdentity(40.0));
+    EXPECT_TRUE(sameBits(hx_getPlaneCalibPara2(blocks), levelledIdentity(40.0)));
+}
+
+TEST(PlaneCalib, NonFiniteHeightsAreIgnoredAndHugeSpansFail) {
+    Scan scan{binnedLine(10.0, {1, 2, 1, 15, 1})};
+    const auto clean = calibrate(scan);
+    Scan dirty = scan;
+    dirty[0].push_back(pt(1, 1, std::numeric_limits<double>::quiet_NaN()));
+    dirty[0].insert(dirty[0].begin(), pt(2, 2, std::numeric_limits<double>::infinity()));
+    dirty[0].push_back(pt(3, 3, -std::numeric_limits<double>::infinity()));
+    EXPECT_TRUE(sameBits(calibrate(dirty), clean));
+    EXPECT_TRUE(sameBits(hx_getPlaneCalibPara2(dirty), clean));
+    Scan huge = scan;
+    huge[0].push_back(pt(4, 4, 1e12));
+    expectFailure(calibrate(huge));
+    Scan justOver = scan;
+    justOver[0].push_back(pt(4, 4, 10.0 + 1e8));
+    expectFailure(hx_getPlaneCalibPara2(justOver));
 }
 
 // ---------------------------------------------------------------------------
-// Against the plain reference, and pointer form against vector form
+// Against the plain reference, pointer form and vector form alike
 // ---------------------------------------------------------------------------
 
 namespace {
@@ -356,81 +376,11 @@ Scan randomScan(testutil::Rng& rng) {
     return scan;
 }
 
-}  // namespace
-
-TEST(PlaneCalib, MatchesPlainReferenceAndBothFormsAgree) {
-    testutil::Rng rng(20240611);
-    int levelled = 0, failed = 0;
-    for (int trial = 0; trial < 3000; ++trial) {
-        Scan scan = randomScan(rng);
-        const auto want = refCalibrate(scan);
-        const auto viaPointer = calibrate(scan);
-        const auto viaVector = hx_getPlaneCalibPara2(scan);
-        ASSERT_TRUE(sameBits(viaPointer, want)) << "trial " << trial;
-        ASSERT_TRUE(sameBits(viaVector, viaPointer)) << "trial " << trial;
-        (want.planeHeight == -1.0 ? failed : levelled)++;
-    }
-    // Both outcomes are exercised often.
-    EXPECT_GT(levelled, 1000);
-    EXPECT_GT(failed, 100);
-}
-
-TEST(PlaneCalib, MatchesPlainReferenceOnTallHistograms) {
-    // A far point stretches the histogram past 65,536 bins, where the counting
-    // switches from several interleaved counter copies to one.
-    testutil::Rng rng(77);
-    int levelled = 0;
-    for (int trial = 0; trial < 20; ++trial) {
-        Scan scan = randomScan(rng);
-        scan.push_back({pt(1, 1, 50.0 + rng.uniform(60000.0, 80000.0))});
-        const auto want = refCalibrate(scan);
-        ASSERT_TRUE(sameBits(calibrate(scan), want)) << "trial " << trial;
-        ASSERT_TRUE(sameBits(hx_getPlaneCalibPara2(scan), want)) << "trial " << trial;
-        levelled += want.planeHeight != -1.0;
-    }
-    EXPECT_GT(levelled, 10);
-}
-
-TEST(PlaneCalib, MatchesPlainReferenceWithEveryKindOfUnmeasuredHeight) {
-    // The band test compares bit patterns: negative heights, -0, NaN of
-    // either sign, -inf and heights just below the validity limit must all
-    // stay out of the band, exactly as the plain comparisons keep them out.
-    const double kUnmeasured[] = {0.0,
-                                  -0.0,
-                                  -1.0,
-                                  -1e300,
-                                  -std::numeric_limits<double>::infinity(),
-                                  std::numeric_limits<double>::quiet_NaN(),
-                                  -std::numeric_limits<double>::quiet_NaN(),
-                                  std::nextafter(0.0001, 0.0),
-                                  std::numeric_limits<double>::denorm_min()};
-    const int kinds = static_cast<int>(sizeof(kUnmeasured) / sizeof(kUnmeasured[0]));
-    testutil::Rng rng(99);
-    int levelled = 0;
-    for (int trial = 0; trial < 1000; ++trial) {
-        Scan scan = randomScan(rng);
-        for (auto& line : scan)
-            for (auto& p : line)
-                if (p.z == 0.0) p.z = kUnmeasured[rng.integer(0, kinds - 1)];
-        const auto want = refCalibrate(scan);
-        ASSERT_TRUE(sameBits(calibrate(scan), want)) << "trial " << trial;
-        ASSERT_TRUE(sameBits(hx_getPlaneCalibPara2(scan), want)) << "trial " << trial;
-        levelled += want.planeHeight != -1.0;
-    }
-    EXPECT_GT(levelled, 300);
-}
-
-// ---------------------------------------------------------------------------
-// The plane height reads only the parts of the band that can hold the lowest
-// levelled point: it must still equal the minimum over every band point.
-// ---------------------------------------------------------------------------
-
-namespace {
-
 // Lines long enough to span several blocks of points (lengths around and at
-// multiples of 64), a floor tilted either way along x and y with negative and
-// positive coordinates, boxes, gaps, repeated points, and one dip placed at
-// the start, the end, a block boundary or anywhere.
+// multiples of 64), a floor tilted either way with negative and positive
+// coordinates, boxes, gaps, repeated points, and one dip at the start, the
+// end, a block boundary or anywhere: the plane height reads only the parts of
+// the band that can hold the lowest levelled point.
 Scan longLineScan(testutil::Rng& rng) {
     const int lines = static_cast<int>(rng.integer(1, 8));
     const double base = rng.uniform(5.0, 60.0);
@@ -439,173 +389,111 @@ Scan longLineScan(testutil::Rng& rng) {
     const double x0 = rng.uniform(-50.0, 50.0), y0 = rng.uniform(-30.0, 30.0);
     const int lengths[] = {1, 63, 64, 65, 128, 200, 257};
     Scan scan(static_cast<size_t>(lines));
+    std::vector<SKesp3DPosition*> all;
     for (int i = 0; i < lines; ++i) {
         const int count = rng.integer(0, 2) == 0 ? lengths[rng.integer(0, 6)] : static_cast<int>(rng.integer(1, 300));
         for (int j = 0; j < count; ++j) {
             const double x = x0 + 0.5 * i, y = y0 + 0.1 * j;
             double z = base + slopeX * (x - x0) + slopeY * (y - y0) + 4.0 + rng.uniform(-noise, noise);
-            if (j % 97 > 80) z += 8.0;                    // a box
-            if (rng.integer(0, 30) == 0) z = 0.0;         // missing
+            if (j % 97 > 80) z += 8.0;             // a box
+            if (rng.integer(0, 30) == 0) z = 0.0;  // missing
             scan[i].push_back(pt(x, y, z, j));
         }
     }
-    auto anyPoint = [&]() -> SKesp3DPosition* {
-        std::vector<SKesp3DPosition*> all;
-        for (auto& line : scan)
-            for (auto& p : line) all.push_back(&p);
-        return all.empty() ? nullptr : all[static_cast<size_t>(rng.integer(0, static_cast<int64_t>(all.size()) - 1))];
-    };
+    for (auto& line : scan)
+        for (auto& p : line) all.push_back(&p);
+    auto anyPoint = [&]() { return all[static_cast<size_t>(rng.integer(0, static_cast<int64_t>(all.size()) - 1))]; };
+    if (all.empty()) return scan;
     SKesp3DPosition* dip = nullptr;
+    auto& someLine = scan[static_cast<size_t>(rng.integer(0, lines - 1))];
     switch (rng.integer(0, 4)) {
-        case 0: dip = scan.front().empty() ? nullptr : &scan.front().front(); break;
-        case 1: dip = scan.back().empty() ? nullptr : &scan.back().back(); break;
-        case 2: {
-            auto& line = scan[static_cast<size_t>(rng.integer(0, lines - 1))];
-            if (line.size() > 64) dip = &line[rng.integer(0, 1) == 0 ? 63 : 64];
-            break;
-        }
+        case 0: dip = all.front(); break;
+        case 1: dip = all.back(); break;
+        case 2: dip = someLine.size() > 64 ? &someLine[rng.integer(0, 1) == 0 ? 63 : 64] : nullptr; break;
         case 3: dip = anyPoint(); break;
         default: break;  // no dip: the minimum is wherever the tilt puts it
     }
     if (dip != nullptr && dip->z > 0.0) dip->z -= rng.uniform(0.0, 1.5);
     // Copies of points elsewhere: equal levelled heights in several blocks.
-    for (int k = static_cast<int>(rng.integer(0, 3)); k > 0; --k) {
-        SKesp3DPosition* from = anyPoint();
-        SKesp3DPosition* to = anyPoint();
-        if (from != nullptr && to != nullptr) *to = *from;
-    }
+    for (int k = static_cast<int>(rng.integer(0, 3)); k > 0; --k) *anyPoint() = *anyPoint();
     return scan;
 }
 
 }  // namespace
 
-TEST(PlaneCalib, LowestHeightOverLongLinesMatchesFullScan) {
-    testutil::Rng rng(31337);
-    int levelled = 0;
-    for (int trial = 0; trial < 2000; ++trial) {
-        Scan scan = longLineScan(rng);
-        const auto want = refCalibrate(scan);
-        ASSERT_TRUE(sameBits(calibrate(scan), want)) << "trial " << trial;
-        ASSERT_TRUE(sameBits(hx_getPlaneCalibPara2(scan), want)) << "trial " << trial;
-        levelled += want.planeHeight != -1.0;
+TEST(PlaneCalib, MatchesPlainReference) {
+    // Every kind of height without a measurement: the band test compares bit
+    // patterns, so negative heights, -0, NaN of either sign, -inf and heights
+    // just below the validity limit must all stay out of the band.
+    const double kUnmeasured[] = {0.0, -0.0, -1.0, -1e300, -std::numeric_limits<double>::infinity(),
+                                  std::numeric_limits<double>::quiet_NaN(), -std::numeric_limits<double>::quiet_NaN(),
+                                  std::nextafter(0.0001, 0.0), std::numeric_limits<double>::denorm_min()};
+    struct Family {
+        const char* what;
+        uint64_t seed;
+        int trials, minLevelled, minFailed;
+    } families[] = {{"random scans", 20240611, 3000, 1000, 100},
+                    {"a far point: more than 65,536 bins, one counter copy instead of several", 77, 20, 10, 0},
+                    {"every kind of unmeasured height", 99, 1000, 300, 0},
+                    {"long lines: the plane height over blocks of points", 31337, 2000, 1000, 0}};
+    for (int f = 0; f < 4; ++f) {
+        testutil::Rng rng(families[f].seed);
+        int levelled = 0, failed = 0;
+        for (int trial = 0; trial < families[f].trials; ++trial) {
+            Scan scan = f == 3 ? longLineScan(rng) : randomScan(rng);
+            if (f == 1) scan.push_back({pt(1, 1, 50.0 + rng.uniform(60000.0, 80000.0))});
+            if (f == 2)
+                for (auto& line : scan)
+                    for (auto& p : line)
+                        if (p.z == 0.0) p.z = kUnmeasured[rng.integer(0, 8)];
+            const auto want = refCalibrate(scan);
+            ASSERT_TRUE(sameBits(calibrate(scan), want)) << families[f].what << ", trial " << trial;
+            ASSERT_TRUE(sameBits(hx_getPlaneCalibPara2(scan), want)) << families[f].what << ", trial " << trial;
+            (want.planeHeight == -1.0 ? failed : levelled)++;
+        }
+        // Both outcomes are exercised often.
+        EXPECT_GT(levelled, families[f].minLevelled) << families[f].what;
+        EXPECT_GE(failed, families[f].minFailed) << families[f].what;
     }
-    EXPECT_GT(levelled, 1000);
-}
-
-TEST(PlaneCalib, IdenticalBandPointsAcrossBlocks) {
-    // A floor of 500 equal points at z = 10 and an object of 200 equal points
-    // at z = 40 (bin 30, the last): the box sums are 500 over bins 0..5, 0
-    // over 6..24 and 200 over 25..30. The first bin is never a peak, so the
-    // object's rise into the last bin is the peak (200 > 700 / 10), cut below
-    // at the empty valley (bin 24). Its points all coincide: the fit is
-    // singular, the rotation the identity, and every block holds the same
-    // lowest height, 40.
-    Scan scan(3);
-    for (int k = 0; k < 700; ++k) scan[k % 3].push_back(k < 500 ? pt(-3.0, 7.0, 10.0) : pt(2.5, -1.0, 40.0));
-    SHX_planeCalibPara want = refFailure();
-    want.planeHeight = 40.0;
-    expectSameRecord(calibrate(scan), want);
-    EXPECT_TRUE(sameBits(hx_getPlaneCalibPara2(scan), want));
-}
-
-// ---------------------------------------------------------------------------
-// Out of contract
-// ---------------------------------------------------------------------------
-
-TEST(PlaneCalib, NonFiniteHeightsAreIgnoredAndHugeSpansFail) {
-    Scan scan{binnedLine(10.0, {1, 2, 1, 15, 1})};
-    const auto clean = calibrate(scan);
-    Scan dirty = scan;
-    dirty[0].push_back(pt(1, 1, std::numeric_limits<double>::quiet_NaN()));
-    dirty[0].insert(dirty[0].begin(), pt(2, 2, std::numeric_limits<double>::infinity()));
-    dirty[0].push_back(pt(3, 3, -std::numeric_limits<double>::infinity()));
-    EXPECT_TRUE(sameBits(calibrate(dirty), clean));
-    EXPECT_TRUE(sameBits(hx_getPlaneCalibPara2(dirty), clean));
-
-    Scan huge = scan;
-    huge[0].push_back(pt(4, 4, 1e12));
-    expectFailure(calibrate(huge));
-    Scan justOver = scan;
-    justOver[0].push_back(pt(4, 4, 10.0 + 1e8));
-    expectFailure(hx_getPlaneCalibPara2(justOver));
 }
 
 // ---------------------------------------------------------------------------
 // Regions
 // ---------------------------------------------------------------------------
 
-namespace {
-
-SKesp3DRangeD region(double x0, double x1, double y0, double y1, double z0, double z1) {
-    SKesp3DRangeD r;
-    r.xRange = {x0, x1};
-    r.yRange = {y0, y1};
-    r.zRange = {z0, z1};
-    return r;
-}
-
-SHX_planeCalibPara calibrateRegions(Scan& scan, const std::vector<SKesp3DRangeD>& rois) {
-    auto lines = testutil::linesOf(scan);
-    return hx_getPlaneCalibPara_ROIs(lines.data(), static_cast<int32_t>(lines.size()), rois);
-}
-
-SHX_planeCalibPara levelledIdentity(double height) {
-    SHX_planeCalibPara r = refFailure();
-    r.planeHeight = height;
-    return r;
-}
-
-}  // namespace
-
-TEST(PlaneCalibRegions, UpperHeightBoundActsOnY) {
-    // zRange {0, 5}: the point at z = 100 with y = 4 is kept, the one at
-    // z = 1 with y = 6 is dropped.
-    Scan scan{{pt(0, 4, 100.0), pt(0, 6, 1.0), pt(0, 3, 0.0)}};
-    const auto r = calibrateRegions(scan, {region(-10, 10, -10, 10, 0, 5)});
-    // A single point: singular fit, identity, height = its z.
-    expectSameRecord(r, levelledIdentity(100.0));
-}
-
-TEST(PlaneCalibRegions, NoPointGivesIdentityAndZeroHeight) {
-    Scan scan{{pt(0, 0, 5), pt(1, 2, 6), pt(3, 1, 7)}};
-    expectSameRecord(calibrateRegions(scan, {}), levelledIdentity(0.0));
-    expectSameRecord(calibrateRegions(scan, {region(50, 60, 0, 10, 0, 10)}), levelledIdentity(0.0));
+TEST(PlaneCalibRegions, HandWorked) {
+    // The upper height bound acts on y: with zRange {0, 5} the point at z = 100,
+    // y = 4 is kept, the one at z = 1, y = 6 dropped; a single point is a
+    // singular fit: identity, height its z.
+    Scan one{{pt(0, 4, 100.0), pt(0, 6, 1.0), pt(0, 3, 0.0)}};
+    expectSameRecord(calibrateRegions(one, {region(-10, 10, -10, 10, 0, 5)}), levelledIdentity(100.0));
+    // No point: identity and height 0.
+    Scan three{{pt(0, 0, 5), pt(1, 2, 6), pt(3, 1, 7)}};
+    expectSameRecord(calibrateRegions(three, {}), levelledIdentity(0.0));
+    expectSameRecord(calibrateRegions(three, {region(50, 60, 0, 10, 0, 10)}), levelledIdentity(0.0));
     expectSameRecord(hx_getPlaneCalibPara_ROIs(nullptr, 3, {region(-1e9, 1e9, -1e9, 1e9, 0, 1e9)}),
                      levelledIdentity(0.0));
+    // Collinear points along x = 3 rising in y: singular, no tilt.
+    Scan column{{}};
+    for (int j = 0; j < 16; ++j) column[0].push_back(pt(3.0, j, 7.5 + 0.25 * j));
+    expectSameRecord(calibrateRegions(column, {region(0, 10, 0, 100, 0, 100)}), levelledIdentity(7.5));
 }
 
 TEST(PlaneCalibRegions, FitsTheRegionPointsOnceEach) {
     // A tilted plane z = 20 + 0.1 x - 0.05 y, plus clutter outside the regions.
     Scan scan(10);
     for (int i = 0; i < 10; ++i)
-        for (int j = 0; j < 20; ++j) {
-            const double x = i, y = j;
-            const bool clutter = j >= 15;
-            scan[i].push_back(pt(x, y, clutter ? 60.0 + j : 20 + 0.1 * x - 0.05 * y));
-        }
+        for (int j = 0; j < 20; ++j) scan[i].push_back(pt(i, j, j >= 15 ? 60.0 + j : 20 + 0.1 * i - 0.05 * j));
     scan[3][4].z = 0.0;  // unmeasured: never taken
-    std::vector<cv::Point3f> inside;
-    for (const auto& line : scan)
-        for (const auto& p : line)
-            if (p.y <= 14 && p.z >= 0.0001) inside.emplace_back(float(p.x), float(p.y), float(p.z));
-    const auto want = refLevel(inside);
+    const auto want = refLevel(pointsWithin(scan, 0.0, 59.0));
     const auto one = calibrateRegions(scan, {region(-1, 20, 0, 14, 0, 14)});
-    // Overlapping regions: every point still counts once.
-    const auto overlapping =
-        calibrateRegions(scan, {region(-1, 5, 0, 14, 0, 14), region(3, 20, 0, 14, 0, 14), region(-1, 20, 0, 9, 0, 9)});
     expectSameRecord(one, want);
-    expectSameRecord(overlapping, want);
+    // Overlapping regions: every point still counts once.
+    expectSameRecord(
+        calibrateRegions(scan, {region(-1, 5, 0, 14, 0, 14), region(3, 20, 0, 14, 0, 14), region(-1, 20, 0, 9, 0, 9)}),
+        want);
     // The plane really is levelled: its normal comes out vertical.
     const double n[3] = {0.1, -0.05, -1.0};
-    const double zx = one.planeCalib[0] * n[0] + one.planeCalib[1] * n[1] + one.planeCalib[2] * n[2];
-    const double zy = one.planeCalib[3] * n[0] + one.planeCalib[4] * n[1] + one.planeCalib[5] * n[2];
-    EXPECT_NEAR(zx, 0.0, 1e-6);
-    EXPECT_NEAR(zy, 0.0, 1e-6);
-}
-
-TEST(PlaneCalibRegions, CollinearPointsAreSingular) {
-    // Points along one line x = 3 rising in y: the inverse is zero, no tilt.
-    Scan scan{{}};
-    for (int j = 0; j < 16; ++j) scan[0].push_back(pt(3.0, j, 7.5 + 0.25 * j));
-    expectSameRecord(calibrateRegions(scan, {region(0, 10, 0, 100, 0, 100)}), levelledIdentity(7.5));
+    EXPECT_NEAR(one.planeCalib[0] * n[0] + one.planeCalib[1] * n[1] + one.planeCalib[2] * n[2], 0.0, 1e-6);
+    EXPECT_NEAR(one.planeCalib[3] * n[0] + one.planeCalib[4] * n[1] + one.planeCalib[5] * n[2], 0.0, 1e-6);
 }

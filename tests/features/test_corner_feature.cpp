@@ -2,6 +2,7 @@
 // plain version on random profiles.
 #include <cmath>
 #include <limits>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -26,180 +27,98 @@ SHX_cornerParam cornerParam() {
     return p;
 }
 
-// z from `from` to `to` in steps of `step` per point (last value included).
-void ramp(std::vector<double>& z, double from, double to, double step) {
-    const int n = static_cast<int>(std::lround(std::fabs(to - from) / step));
-    for (int i = 0; i <= n; ++i) z.push_back(from + (to > from ? i : -i) * step);
+// z from `from` to `to` in steps of 1 per point (last value included).
+std::vector<double> ramp(double from, double to) {
+    std::vector<double> z;
+    for (double v = from; from < to ? v <= to : v >= to; v += from < to ? 1 : -1) z.push_back(v);
+    return z;
 }
 
-void flat(std::vector<double>& z, double v, int n) { z.insert(z.end(), static_cast<size_t>(n), v); }
+std::vector<double> concat(std::initializer_list<std::vector<double>> parts) {
+    std::vector<double> z;
+    for (const auto& part : parts) z.insert(z.end(), part.begin(), part.end());
+    return z;
+}
 
-SHX_lineFeature detect(const std::vector<SKesp3DPosition>& p, SHX_cornerParam prm, int lineIdx = 3) {
+std::vector<double> flat(double v, int n) { return std::vector<double>(static_cast<size_t>(n), v); }
+
+// "type@index ..." of the features, then "|", then the segment ends; the
+// position and value of each are checked against the point it names.
+std::string detect(const std::vector<SKesp3DPosition>& p, SHX_cornerParam prm) {
     SHX_lineFeature out;
-    hx_getLineCornerFeature(p.data(), static_cast<int32_t>(p.size()), lineIdx, prm, &out);
-    return out;
-}
-
-void expectFeature(const SHX_basicFeature1D& f, int type, int idx, const std::vector<SKesp3DPosition>& p,
-                   int lineIdx = 3) {
-    EXPECT_EQ(f.featureType, type);
-    EXPECT_EQ(f.lineIdx, lineIdx);
-    EXPECT_EQ(f.featurePos.nPointIdx, idx);
-    EXPECT_EQ(f.featurePos.y, p[static_cast<size_t>(idx)].y);
-    EXPECT_EQ(f.featurePos.z, p[static_cast<size_t>(idx)].z);
-    EXPECT_EQ(f.featureValue, 0.0);
+    hx_getLineCornerFeature(p.data(), static_cast<int32_t>(p.size()), 3, prm, &out);
+    EXPECT_EQ(out.lineIdx, 3);
+    std::string s;
+    for (const auto* list : {&out.features, &out.endings}) {
+        for (const SHX_basicFeature1D& f : *list) {
+            s += std::to_string(f.featureType) + "@" + std::to_string(f.featurePos.nPointIdx) + " ";
+            const SKesp3DPosition& q = p[static_cast<size_t>(f.featurePos.nPointIdx)];
+            EXPECT_TRUE(f.lineIdx == 3 && f.featurePos.y == q.y && f.featurePos.z == q.z && f.featureValue == 0.0);
+        }
+        s += list == &out.features ? "| " : "";
+    }
+    return s;
 }
 
 }  // namespace
 
-// Rise at 45 degrees over points 0..10, plateau 10..20. At point 10 the
-// backward arm ends at 8 (distance sqrt 8) and the forward one at 13
-// (distance 3): backward 45, forward 0, corner 45, the largest of the line
-// (points 9 and 11 give 26.57 and 33.69) -> type 1.
-TEST(CornerFeature, RiseIntoPlateauIsType1) {
-    std::vector<double> z;
-    ramp(z, 10, 20, 1);
-    flat(z, 20, 10);
-    const auto p = profileFromZ(z);
-    const SHX_lineFeature out = detect(p, cornerParam());
-    EXPECT_EQ(out.lineIdx, 3);
-    ASSERT_EQ(out.features.size(), 1u);
-    expectFeature(out.features[0], 1, 10, p);
-    ASSERT_EQ(out.endings.size(), 2u);
-    expectFeature(out.endings[0], 6, 0, p);
-    expectFeature(out.endings[1], 7, 20, p);
-}
-
-// The mirror: plateau 0..10, fall at 45 degrees 10..20: backward 0, forward
-// -45, corner 45 -> type 2. Raising minCornerAngle above 45 removes it.
-TEST(CornerFeature, PlateauIntoFallIsType2AndMinAngleFilters) {
-    std::vector<double> z;
-    flat(z, 20, 10);
-    ramp(z, 20, 10, 1);
-    const auto p = profileFromZ(z);
-    const SHX_lineFeature out = detect(p, cornerParam());
-    ASSERT_EQ(out.features.size(), 1u);
-    expectFeature(out.features[0], 2, 10, p);
-
+TEST(CornerFeature, HandWorkedProfiles) {
+    // A vertical wall (four points at y = 5) from z 10 to 16.
+    std::vector<SKesp3DPosition> wall;
+    for (int i = 0; i <= 5; ++i) wall.push_back(testutil::pt(0, i, 10));
+    for (int k = 1; k <= 3; ++k) wall.push_back(testutil::pt(0, 5, 10 + 2 * k));
+    for (int i = 6; i <= 12; ++i) wall.push_back(testutil::pt(0, i, 16));
     SHX_cornerParam strict = cornerParam();
     strict.minCornerAngle = 45.5;
-    EXPECT_TRUE(detect(p, strict).features.empty());
-    EXPECT_EQ(detect(p, strict).endings.size(), 2u);
-}
-
-// A roof: 45 degrees up to point 10, 45 down after: corner 90 with a steep
-// fall after it -> neither type 1 nor 2 -> type 15.
-TEST(CornerFeature, RoofIsType15) {
-    std::vector<double> z;
-    ramp(z, 10, 20, 1);
-    z.pop_back();
-    ramp(z, 20, 10, 1);
-    const auto p = profileFromZ(z);
-    const SHX_lineFeature out = detect(p, cornerParam());
-    ASSERT_EQ(out.features.size(), 1u);
-    expectFeature(out.features[0], 15, 10, p);
-}
-
-// A block: up at 45 to point 10, top 10..14, down at 45 to 24. Corners 10 and
-// 14 both measure exactly 45; point 12 between them is a weaker maximum
-// (36.87) and is suppressed, while the two equal ones within 2 * armLen both
-// stay.
-TEST(CornerFeature, EqualMaximaWithinRangeBothReported) {
-    std::vector<double> z;
-    ramp(z, 10, 20, 1);
-    flat(z, 20, 3);
-    ramp(z, 20, 10, 1);
-    flat(z, 10, 5);
-    const auto p = profileFromZ(z);
-    const SHX_lineFeature out = detect(p, cornerParam());
-    ASSERT_EQ(out.features.size(), 2u);
-    expectFeature(out.features[0], 1, 10, p);
-    expectFeature(out.features[1], 2, 14, p);
-}
-
-// A vertical wall (four points at y = 5) from z 10 to 16: the chord down the
-// wall has dy = 0 and measures 90 degrees as floating point gives it.
-TEST(CornerFeature, VerticalChordGivesNinetyDegrees) {
-    std::vector<SKesp3DPosition> p;
-    for (int i = 0; i <= 5; ++i) p.push_back(testutil::pt(0, i, 10));
-    for (int k = 1; k <= 3; ++k) p.push_back(testutil::pt(0, 5, 10 + 2 * k));
-    for (int i = 6; i <= 12; ++i) p.push_back(testutil::pt(0, i, 16));
-    const SHX_lineFeature out = detect(p, cornerParam());
-    // The top of the wall (index 8): backward chord to index 6 is vertical
-    // (+90), forward flat: corner ~90, type 1.
-    ASSERT_EQ(out.features.size(), 1u);
-    expectFeature(out.features[0], 1, 8, p);
-    // Wall steps of 2 stay within jumpZ 5: one segment.
-    ASSERT_EQ(out.endings.size(), 2u);
-    SHX_lineFeature ref;
-    cornerref::corners(p.data(), static_cast<int>(p.size()), 3, cornerParam(), &ref);
-    expectSame(out.features, ref.features);
-}
-
-TEST(CornerFeature, SegmentsCutAtJumpsAndJoinedAcrossSmallGaps) {
-    const SHX_cornerParam prm = cornerParam();  // maxGapY 3, jumpZ 5
-    // Single invalid point between two flat runs: y gap 2 < 3, z gap 0 -> one segment.
-    auto p = profileFromZ({10, 10, 10, 10, 0, 10, 10, 10});
-    SHX_lineFeature out = detect(p, prm);
-    ASSERT_EQ(out.endings.size(), 2u);
-    expectFeature(out.endings[0], 6, 0, p);
-    expectFeature(out.endings[1], 7, 7, p);
-
-    // The gap must be strictly below maxGapY: two invalid points give y gap 3.
-    p = profileFromZ({10, 10, 10, 0, 0, 10, 10});
-    out = detect(p, prm);
-    ASSERT_EQ(out.endings.size(), 4u);
-    expectFeature(out.endings[1], 7, 2, p);
-    expectFeature(out.endings[2], 6, 5, p);
-
-    // A z step of 6 > jumpZ cuts a run, and the two parts are not joined
-    // (z gap not below jumpZ); a step of exactly 5 does not cut.
-    p = profileFromZ({10, 10, 10, 16, 16, 21, 21});
-    out = detect(p, prm);
-    ASSERT_EQ(out.endings.size(), 4u);
-    expectFeature(out.endings[0], 6, 0, p);
-    expectFeature(out.endings[1], 7, 2, p);
-    expectFeature(out.endings[2], 6, 3, p);
-    expectFeature(out.endings[3], 7, 6, p);
-
-    // Joins cascade: three runs with single-point gaps make one segment.
-    p = profileFromZ({0, 10, 10, 0, 11, 0, 12, 12, 0});
-    out = detect(p, prm);
-    ASSERT_EQ(out.endings.size(), 2u);
-    expectFeature(out.endings[0], 6, 1, p);
-    expectFeature(out.endings[1], 7, 7, p);
-
-    // A single valid point is a segment by itself.
-    p = profileFromZ({0, 0, 12, 0});
-    out = detect(p, prm);
-    EXPECT_TRUE(out.features.empty());
-    ASSERT_EQ(out.endings.size(), 2u);
-    expectFeature(out.endings[0], 6, 2, p);
-    expectFeature(out.endings[1], 7, 2, p);
-}
-
-TEST(CornerFeature, DegenerateLinesGiveNoCorners) {
-    const SHX_cornerParam prm = cornerParam();
-    // Count 0 or negative and all-invalid lines: lineIdx set, nothing appended,
-    // earlier content kept.
-    auto invalid = profileFromZ({0, 0.0001, -5, std::nan("")});
-    for (int count : {0, -4, 4}) {
+    const double nan = std::nan("");
+    const struct {
+        const char* what;
+        std::vector<SKesp3DPosition> profile;
+        SHX_cornerParam param;
+        const char* want;
+    } cases[] = {
+        {"rise at 45 into a plateau: at 10 backward 45, forward 0, corner 45, the largest of the line (9 and 11 "
+         "give 26.57 and 33.69): type 1",
+         profileFromZ(concat({ramp(10, 20), flat(20, 10)})), cornerParam(), "1@10 | 6@0 7@20 "},
+        {"plateau into a fall at 45: backward 0, forward -45: type 2",
+         profileFromZ(concat({flat(20, 10), ramp(20, 10)})),
+         cornerParam(), "2@10 | 6@0 7@20 "},
+        {"minCornerAngle above 45 removes it", profileFromZ(concat({flat(20, 10), ramp(20, 10)})), strict,
+         "| 6@0 7@20 "},
+        {"a roof: corner 90 with a steep fall after it is neither type 1 nor 2: type 15",
+         profileFromZ(concat({ramp(10, 19), ramp(20, 10)})), cornerParam(), "15@10 | 6@0 7@20 "},
+        {"a block: corners 10 and 14 both measure exactly 45 and stay though within 2 armLen; 12 (36.87) is "
+         "suppressed",
+         profileFromZ(concat({ramp(10, 20), flat(20, 3), ramp(20, 10), flat(10, 5)})), cornerParam(),
+         "1@10 2@14 | 6@0 7@29 "},
+        {"a vertical chord (dy = 0) measures 90 at the top of a wall; wall steps of 2 stay within jumpZ", wall,
+         cornerParam(), "1@8 | 6@0 7@15 "},
+        {"one invalid point: y gap 2 < maxGapY 3, z gap 0: one segment", profileFromZ({10, 10, 10, 10, 0, 10, 10, 10}),
+         cornerParam(), "| 6@0 7@7 "},
+        {"two invalid points: y gap 3 is not below maxGapY", profileFromZ({10, 10, 10, 0, 0, 10, 10}), cornerParam(),
+         "| 6@0 7@2 6@5 7@6 "},
+        {"a z step of 6 > jumpZ cuts and is not joined; a step of exactly 5 does not cut",
+         profileFromZ({10, 10, 10, 16, 16, 21, 21}), cornerParam(), "| 6@0 7@2 6@3 7@6 "},
+        {"joins cascade: three runs with single-point gaps are one segment",
+         profileFromZ({0, 10, 10, 0, 11, 0, 12, 12, 0}),
+         cornerParam(), "| 6@1 7@7 "},
+        {"a single valid point is a segment", profileFromZ({0, 0, 12, 0}), cornerParam(), "| 6@2 7@2 "},
+        {"a line shorter than the arms: segment ends only", profileFromZ({10, 10.5, 11, 10.5}, 0.5), cornerParam(),
+         "| 6@0 7@3 "},
+        {"NaN heights are invalid points and cut like zeros", profileFromZ({10, 10, nan, nan, nan, 10, 10}),
+         cornerParam(), "| 6@0 7@1 6@5 7@6 "},
+        {"no valid point: nothing", profileFromZ({0, 0.0001, -5, nan}), cornerParam(), "| "},
+    };
+    for (const auto& c : cases) EXPECT_EQ(detect(c.profile, c.param), c.want) << c.what;
+    // Counts of 0 or below: lineIdx set, nothing appended, earlier content kept.
+    for (int count : {0, -4}) {
         SHX_lineFeature out;
         out.features.resize(1);
-        hx_getLineCornerFeature(invalid.data(), count, 9, prm, &out);
+        hx_getLineCornerFeature(wall.data(), count, 9, cornerParam(), &out);
         EXPECT_EQ(out.lineIdx, 9);
         EXPECT_EQ(out.features.size(), 1u);
         EXPECT_TRUE(out.endings.empty());
     }
-    // A line shorter than the arms: segment ends only.
-    auto shortLine = profileFromZ({10, 10.5, 11, 10.5}, 0.5);
-    SHX_lineFeature out = detect(shortLine, prm);
-    EXPECT_TRUE(out.features.empty());
-    EXPECT_EQ(out.endings.size(), 2u);
-    // NaN heights are invalid points: they cut segments like zeros.
-    auto withNan = profileFromZ({10, 10, std::nan(""), std::nan(""), std::nan(""), 10, 10});
-    out = detect(withNan, prm);
-    EXPECT_EQ(out.endings.size(), 4u);
 }
 
 // Identity with the plain version on random profiles built to hit ties

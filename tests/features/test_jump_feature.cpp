@@ -1,6 +1,7 @@
 // Jump detector: hand-worked steps and identity with the plain version.
 #include <cmath>
 #include <limits>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -35,110 +36,73 @@ std::vector<double> concat(std::initializer_list<std::vector<double>> parts) {
 
 std::vector<double> flat(double v, int n) { return std::vector<double>(static_cast<size_t>(n), v); }
 
-std::vector<SHX_basicFeature1D> detect(const std::vector<SKesp3DPosition>& p, SHX_cornerParam prm) {
+// "type@index=value ..." of the jumps; positions are checked against the point named.
+std::string detect(const std::vector<SKesp3DPosition>& p, SHX_cornerParam prm) {
     std::vector<SHX_basicFeature1D> out;
     hx_getLineJumpFeature_cornerMethod(p.data(), static_cast<int32_t>(p.size()), 4, prm, out);
-    return out;
+    std::string s;
+    for (const SHX_basicFeature1D& f : out) {
+        s += std::to_string(f.featureType) + "@" + std::to_string(f.featurePos.nPointIdx) + "=" +
+             std::to_string(static_cast<int>(f.featureValue)) + " ";
+        const SKesp3DPosition& q = p[static_cast<size_t>(f.featurePos.nPointIdx)];
+        EXPECT_TRUE(f.lineIdx == 4 && f.featurePos.y == q.y && f.featurePos.z == q.z);
+    }
+    return s;
 }
 
-void expectJump(const SHX_basicFeature1D& f, int type, int idx, double value, const std::vector<SKesp3DPosition>& p) {
-    EXPECT_EQ(f.featureType, type);
-    EXPECT_EQ(f.lineIdx, 4);
-    EXPECT_EQ(f.featurePos.nPointIdx, idx);
-    EXPECT_EQ(f.featurePos.y, p[static_cast<size_t>(idx)].y);
-    EXPECT_EQ(f.featurePos.z, p[static_cast<size_t>(idx)].z);
-    EXPECT_EQ(f.featureValue, value);
+SHX_cornerParam with(double SHX_cornerParam::*field, double v) {
+    SHX_cornerParam p = jumpParam();
+    p.*field = v;
+    return p;
 }
 
 }  // namespace
 
-// Flat 20 over points 0..10, flank 15 at 11, flat 10 from 12. At 10 the
-// backward arm is flat (to 7) and the forward one drops 5 in 1 (-78.69):
-// convex corner 78.69, kind 9. At 12 the backward arm is that drop and the
-// forward one flat (to 15): concave -78.69, kind 11. They are 2 apart in y and
-// z(15) - z(7) = -10: a falling jump at the top corner valued 20.
-TEST(JumpFeature, FallingStepReportedAtTopCorner) {
-    const auto p = profileFromZ(concat({flat(20, 11), {15}, flat(10, 11)}));
-    const auto out = detect(p, jumpParam());
-    ASSERT_EQ(out.size(), 1u);
-    expectJump(out[0], 2, 10, 20.0, p);
-}
-
-// The rising mirror: foot at 10 (kind 10), top at 12 (kind 12): a rising jump
-// at the top corner, valued with the upper flat's z.
-TEST(JumpFeature, RisingStepReportedAtTopCorner) {
-    const auto p = profileFromZ(concat({flat(10, 11), {15}, flat(20, 11)}));
-    const auto out = detect(p, jumpParam());
-    ASSERT_EQ(out.size(), 1u);
-    expectJump(out[0], 1, 12, 20.0, p);
-}
-
-TEST(JumpFeature, LimitsOnGapAndStepAreStrict) {
-    const auto p = profileFromZ(concat({flat(10, 11), {15}, flat(20, 11)}));
-    SHX_cornerParam prm = jumpParam();
-    prm.maxGapY = 2.0;  // the corners are exactly 2 apart
-    EXPECT_TRUE(detect(p, prm).empty());
-    prm = jumpParam();
-    prm.jumpZ = 10.0;  // the step is exactly 10
-    EXPECT_TRUE(detect(p, prm).empty());
-    prm = jumpParam();
-    prm.minCornerAngle = 80.0;  // both corners measure 78.69
-    EXPECT_TRUE(detect(p, prm).empty());
-    prm = jumpParam();
-    prm.armAngle2 = 80.0;  // the flank (78.69) is no longer steep
-    EXPECT_TRUE(detect(p, prm).empty());
-}
-
-// Two falling steps: 40 -> 30 whose foot runs out on a 1:2 slope (-26.57,
-// not flat, so that foot gets no kind), then 25 -> 15 with a flat foot. The
-// two tops are both kind 9 and follow each other: that pair gives nothing;
-// only the second step is reported (top 30, upper flat 25).
-TEST(JumpFeature, TwoConvexCornersInARowDoNotPair) {
+TEST(JumpFeature, HandWorkedSteps) {
+    const auto falling = profileFromZ(concat({flat(20, 11), {15}, flat(10, 11)}));
+    const auto rising = profileFromZ(concat({flat(10, 11), {15}, flat(20, 11)}));
     std::vector<double> slope;
     for (int i = 1; i <= 10; ++i) slope.push_back(30 - 0.5 * i);
-    const auto z = concat({flat(40, 11), {35, 30}, slope, flat(25, 8), {20}, flat(15, 12)});
-    const auto p = profileFromZ(z);
-    ASSERT_EQ(p[30].z, 25.0);
-    ASSERT_EQ(p[32].z, 15.0);
-    const auto out = detect(p, jumpParam());
-    ASSERT_EQ(out.size(), 1u);
-    expectJump(out[0], 2, 30, 25.0, p);
-}
-
-// A vertical flank (three points at y = 5): chords along it measure 90 as
-// floating point gives it; foot kind 10, top kind 12, rising jump at the top.
-TEST(JumpFeature, VerticalFlank) {
-    std::vector<SKesp3DPosition> p;
-    for (int i = 0; i <= 5; ++i) p.push_back(testutil::pt(0, i, 10));
-    for (int k = 1; k <= 3; ++k) p.push_back(testutil::pt(0, 5, 10 + 2 * k));
-    for (int i = 6; i <= 12; ++i) p.push_back(testutil::pt(0, i, 16));
-    const auto out = detect(p, jumpParam());
-    ASSERT_EQ(out.size(), 1u);
-    expectJump(out[0], 1, 8, 16.0, p);
-}
-
-TEST(JumpFeature, DegenerateLinesGiveNothing) {
-    const auto step = profileFromZ(concat({flat(10, 11), {15}, flat(20, 11)}));
-    std::vector<SHX_basicFeature1D> out(2);
-    hx_getLineJumpFeature_cornerMethod(step.data(), 0, 1, jumpParam(), out);
-    hx_getLineJumpFeature_cornerMethod(step.data(), -3, 1, jumpParam(), out);
-    EXPECT_EQ(out.size(), 2u);  // appended to, never cleared
-    hx_getLineJumpFeature_cornerMethod(step.data(), 23, 1, jumpParam(), out);
-    EXPECT_EQ(out.size(), 3u);
-
-    EXPECT_TRUE(detect(profileFromZ({0, 0, 0.0001, std::nan("")}), jumpParam()).empty());
-    EXPECT_TRUE(detect(profileFromZ({10, 10.5, 20, 20.5}, 0.5), jumpParam()).empty());
-    // Arms longer than the line: no angles at all.
-    SHX_cornerParam longArms = jumpParam();
-    longArms.armLen = 100.0;
-    EXPECT_TRUE(detect(step, longArms).empty());
+    std::vector<SKesp3DPosition> wall;  // a vertical flank: three points at y = 5
+    for (int i = 0; i <= 5; ++i) wall.push_back(testutil::pt(0, i, 10));
+    for (int k = 1; k <= 3; ++k) wall.push_back(testutil::pt(0, 5, 10 + 2 * k));
+    for (int i = 6; i <= 12; ++i) wall.push_back(testutil::pt(0, i, 16));
+    const struct {
+        const char* what;
+        std::vector<SKesp3DPosition> profile;
+        SHX_cornerParam param;
+        const char* want;
+    } cases[] = {
+        {"falling step: convex 78.69 at 10 (kind 9), concave at 12 (kind 11), 2 apart, z(15) - z(7) = -10: a "
+         "falling jump at the top corner valued 20",
+         falling, jumpParam(), "2@10=20 "},
+        {"rising step: foot at 10 (kind 10), top at 12 (kind 12): rising jump at the top, the upper flat's z", rising,
+         jumpParam(), "1@12=20 "},
+        {"the corners are exactly maxGapY apart", rising, with(&SHX_cornerParam::maxGapY, 2.0), ""},
+        {"the step is exactly jumpZ", rising, with(&SHX_cornerParam::jumpZ, 10.0), ""},
+        {"both corners measure 78.69, below minCornerAngle", rising, with(&SHX_cornerParam::minCornerAngle, 80.0), ""},
+        {"the flank (78.69) is no longer steep", rising, with(&SHX_cornerParam::armAngle2, 80.0), ""},
+        {"arms longer than the line: no angles at all", rising, with(&SHX_cornerParam::armLen, 100.0), ""},
+        {"two falling steps whose tops are both kind 9 in a row do not pair; the second step (top 30, upper flat "
+         "25) is reported",
+         profileFromZ(concat({flat(40, 11), {35, 30}, slope, flat(25, 8), {20}, flat(15, 12)})), jumpParam(),
+         "2@30=25 "},
+        {"a vertical flank measures 90: foot kind 10, top kind 12", wall, jumpParam(), "1@8=16 "},
+        {"no valid point", profileFromZ({0, 0, 0.0001, std::nan("")}), jumpParam(), ""},
+        {"a line shorter than the arms", profileFromZ({10, 10.5, 20, 20.5}, 0.5), jumpParam(), ""},
+    };
+    for (const auto& c : cases) EXPECT_EQ(detect(c.profile, c.param), c.want) << c.what;
     // NaN heights inside the flat parts are skipped, not looped on.
-    auto holes = step;
-    holes[3].z = std::nan("");
-    holes[18].z = std::nan("");
-    const auto withHoles = detect(holes, jumpParam());
-    ASSERT_EQ(withHoles.size(), 1u);
-    EXPECT_EQ(withHoles[0].featurePos.nPointIdx, 12);
+    auto holes = rising;
+    holes[3].z = holes[18].z = std::nan("");
+    EXPECT_EQ(detect(holes, jumpParam()).substr(0, 5), "1@12=");
+    // Counts of 0 or below append nothing; the vector is appended to, never cleared.
+    std::vector<SHX_basicFeature1D> out(2);
+    hx_getLineJumpFeature_cornerMethod(rising.data(), 0, 1, jumpParam(), out);
+    hx_getLineJumpFeature_cornerMethod(rising.data(), -3, 1, jumpParam(), out);
+    EXPECT_EQ(out.size(), 2u);
+    hx_getLineJumpFeature_cornerMethod(rising.data(), 23, 1, jumpParam(), out);
+    EXPECT_EQ(out.size(), 3u);
 }
 
 // Identity with the plain version on random step profiles: flats, steep and

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -56,109 +57,72 @@ std::vector<Found> detect(const std::vector<SKesp3DPosition>& v, const SHX_lineR
     return out;
 }
 
-std::vector<Found> detectUniform(const std::vector<SKesp3DPosition>& v) {
-    const auto p = kind(2, 2, 0.5);
-    return detect(v, p, p, p, p);
-}
-
-void expectFound(const std::vector<Found>& got, const std::vector<Found>& want) {
-    ASSERT_EQ(got.size(), want.size());
-    for (size_t i = 0; i < got.size(); ++i) {
-        EXPECT_EQ(got[i].type, want[i].type) << "feature " << i;
-        EXPECT_EQ(got[i].idx, want[i].idx) << "feature " << i;
-    }
-}
-
 std::vector<SKesp3DPosition> reversed(std::vector<SKesp3DPosition> v) {
     return std::vector<SKesp3DPosition>(v.rbegin(), v.rend());
 }
 
+std::string show(const std::vector<Found>& v) {
+    std::string s;
+    for (const Found& f : v) s += std::to_string(f.type) + "@" + std::to_string(f.idx) + " ";
+    return s;
+}
+
 }  // namespace
 
-TEST(RightAngle, CleanStepGivesFootAndTopOnce) {
-    // Foot: points 19, 20, 21 pass (flat before, wall rising after): a run of
-    // type 10 whose middle is the foot. Top: 59, 60, 61 (wall before, flat
-    // after, corner above the wall's far end): type 12 at the top corner.
-    expectFound(detectUniform(cleanStep()), {{10, 20}, {12, 60}});
-}
-
-TEST(RightAngle, StepTraversedBackwards) {
-    // Reversed, the top corner has the flat before and a falling wall after
-    // (type 9) and the foot a wall before and the flat after, not above the
-    // wall's far end (type 11).
-    expectFound(detectUniform(reversed(cleanStep())), {{9, 20}, {11, 60}});
-}
-
-TEST(RightAngle, FlatBeforeKindsTakeTheFirstRecordsTolerance) {
-    const auto v = reversed(cleanStep());
-    const auto ok = kind(2, 2, 0.5);
-    // The third record's own tolerance does not matter for type 9 ...
-    expectFound(detect(v, ok, ok, kind(2, 2, 0.0), ok), {{9, 20}, {11, 60}});
-    // ... the first record's does, and then the point is finished: it is not
-    // tried as a wall-before corner either.
-    expectFound(detect(v, kind(2, 2, 0.0), ok, ok, ok), {{11, 60}});
-    // Type 11 uses the fourth record's tolerance.
-    expectFound(detect(v, ok, ok, ok, kind(2, 2, 0.0)), {{9, 20}});
-}
-
-TEST(RightAngle, ScreeningUsesSmallestReachAndLargestTolerance) {
-    const auto v = cleanStep();
-    // Tolerance 0.5 only in the second record: the screening still admits the
-    // foot's points, but type 10 then fails on the first record's 0.2 for the
-    // points whose flat or wall arm deviates by 0.25; the foot itself stays.
-    expectFound(detect(v, kind(2, 2, 0.2), kind(2, 2, 0.5), kind(2, 2, 0.2), kind(2, 2, 0.2)), {{10, 20}, {12, 60}});
-    // A larger own reach for type 10 sees the top corner from the foot's wall
-    // arm: the wall arm of reach 12 reaches the flat top, whose |dy| spoils it.
-    const auto far = kind(2, 12, 0.5);
-    const auto ok = kind(2, 2, 0.5);
-    expectFound(detect(v, far, ok, ok, ok), {{12, 60}});
-}
-
-TEST(RightAngle, AdjacentBackwardArmPicksLastMarkedPoint) {
+TEST(RightAngle, HandBuiltSteps) {
+    const auto ok = kind(2, 2, 0.5), exact = kind(2, 2, 0.0), tight = kind(2, 2, 0.2);
     // A wall sampled sparser than the reach: every wall point's backward arm
     // ends at the point right before it.
-    std::vector<SKesp3DPosition> v;
-    for (int i = 0; i <= 20; ++i) v.push_back(pt(0, -5 + kStep * i, 10));  // 0..20
-    for (int k = 1; k <= 4; ++k) v.push_back(pt(0, 0, 10 + 3 * k));        // 21..24: z 13..22
-    for (int k = 1; k <= 20; ++k) v.push_back(pt(0, kStep * k, 22));       // 25..44
-    // Type 10 on 19..23 (21, 22, 23 adjacent), type 12 on 24..25 (24 adjacent).
-    expectFound(detectUniform(v), {{10, 23}, {12, 24}});
-}
-
-TEST(RightAngle, EndsOfLineAndDegenerateInput) {
-    // Flat line: no wall anywhere, and end points have no far end.
+    std::vector<SKesp3DPosition> sparse;
+    for (int i = 0; i <= 20; ++i) sparse.push_back(pt(0, -5 + kStep * i, 10));  // 0..20
+    for (int k = 1; k <= 4; ++k) sparse.push_back(pt(0, 0, 10 + 3 * k));        // 21..24: z 13..22
+    for (int k = 1; k <= 20; ++k) sparse.push_back(pt(0, kStep * k, 22));       // 25..44
     std::vector<SKesp3DPosition> flat;
     for (int i = 0; i < 30; ++i) flat.push_back(pt(0, kStep * i, 5));
-    expectFound(detectUniform(flat), {});
-    expectFound(detectUniform({}), {});
-    SHX_lineFeature lf;
-    const auto p = kind(2, 2, 0.5);
+    auto holes = cleanStep();
+    holes[5].z = holes[75].z = 0.0;  // invalid: bridged by every arm
+    holes[6].z = 0.0001;             // valid as a corner (>= 0.0001) but never on an arm (> 0.0001)
+    const struct {
+        const char* what;
+        std::vector<SKesp3DPosition> profile;
+        SHX_lineRightAngleParam p[4];
+        const char* want;
+    } cases[] = {
+        {"foot: 19..21 pass (flat before, wall rising after), a run of type 10 whose middle is the foot; top: 59..61 "
+         "(wall before, flat after, above the wall's far end), type 12",
+         cleanStep(), {ok, ok, ok, ok}, "10@20 12@60 "},
+        {"reversed: the top has the flat before and a falling wall after (9), the foot a wall before and the flat "
+         "after, not above the wall's far end (11)",
+         reversed(cleanStep()), {ok, ok, ok, ok}, "9@20 11@60 "},
+        {"type 9 does not take the third record's tolerance", reversed(cleanStep()), {ok, ok, exact, ok},
+         "9@20 11@60 "},
+        {"it takes the first record's; the point is then finished, not tried as a wall-before corner",
+         reversed(cleanStep()), {exact, ok, ok, ok}, "11@60 "},
+        {"type 11 takes the fourth record's tolerance", reversed(cleanStep()), {ok, ok, ok, exact}, "9@20 "},
+        {"screening uses the largest tolerance (0.5, second record); type 10 then fails on the first record's 0.2 "
+         "for the points whose arm deviates by 0.25; the foot itself stays",
+         cleanStep(), {tight, kind(2, 2, 0.5), tight, tight}, "10@20 12@60 "},
+        {"a larger own reach for type 10 sees the flat top from the foot's wall arm, whose |dy| spoils it",
+         cleanStep(), {kind(2, 12, 0.5), ok, ok, ok}, "12@60 "},
+        {"an adjacent backward arm picks the last marked point of the run: 10 on 19..23, 12 on 24..25", sparse,
+         {ok, ok, ok, ok}, "10@23 12@24 "},
+        {"a flat line has no wall; end points have no far end", flat, {ok, ok, ok, ok}, ""},
+        {"a short step whose corner points lack far ends", {pt(0, 0, 10), pt(0, 0.25, 10), pt(0, 0.25, 11)},
+         {ok, ok, ok, ok}, ""},
+        {"point 6 sits 10 below its neighbours: both arms end at once with maxima -1 and the next point rises above "
+         "it, a type-10 corner by the rules; the real corners are unchanged",
+         holes, {ok, ok, ok, ok}, "10@6 10@20 12@60 "},
+    };
+    for (const auto& c : cases) EXPECT_EQ(show(detect(c.profile, c.p[0], c.p[1], c.p[2], c.p[3])), c.want) << c.what;
+    // A count of 0 or below: nothing; the features are appended to.
     const auto v = cleanStep();
-    hx_getLineRigthAngleFeature(v.data(), 0, 0, p, p, p, p, &lf);
-    hx_getLineRigthAngleFeature(v.data(), -4, 0, p, p, p, p, &lf);
-    EXPECT_TRUE(lf.features.empty());
-    // A short step whose corner points lack far ends.
-    std::vector<SKesp3DPosition> tiny{pt(0, 0, 10), pt(0, 0.25, 10), pt(0, 0.25, 11)};
-    expectFound(detectUniform(tiny), {});
-}
-
-TEST(RightAngle, InvalidPointsAreSteppedOverAndAppendKeepsOldFeatures) {
-    auto v = cleanStep();
-    v[5].z = 0.0;     // invalid: bridged by every arm
-    v[75].z = 0.0;
-    v[6].z = 0.0001;  // valid as a corner (>= 0.0001) but never on an arm (> 0.0001)
     SHX_lineFeature lf;
-    lf.features.push_back(SHX_basicFeature1D{});
-    const auto p = kind(2, 2, 0.5);
-    hx_getLineRigthAngleFeature(v.data(), static_cast<int32_t>(v.size()), 1, p, p, p, p, &lf);
-    // Point 6 sits 10 below its neighbours: both its arms end at once, with
-    // no point within reach (maxima -1), and the next point rises above it:
-    // a type-10 corner by the rules. The real corners are unchanged.
-    ASSERT_EQ(lf.features.size(), 4u);
-    EXPECT_EQ(lf.features[1].featureType, 10);
-    EXPECT_EQ(lf.features[1].featurePos.nPointIdx, 6);
-    EXPECT_EQ(lf.features[2].featurePos.nPointIdx, 20);
-    EXPECT_EQ(lf.features[3].featurePos.nPointIdx, 60);
+    lf.features.resize(1);
+    hx_getLineRigthAngleFeature(v.data(), 0, 0, ok, ok, ok, ok, &lf);
+    hx_getLineRigthAngleFeature(v.data(), -4, 0, ok, ok, ok, ok, &lf);
+    EXPECT_EQ(lf.features.size(), 1u);
+    hx_getLineRigthAngleFeature(v.data(), static_cast<int32_t>(v.size()), 0, ok, ok, ok, ok, &lf);
+    EXPECT_EQ(lf.features.size(), 3u);
 }
 
 TEST(RightAngle, NanHeightsDoNotLoopOrCrash) {
@@ -264,65 +228,44 @@ std::vector<Found> plainRightAngles(const std::vector<SKesp3DPosition>& v, const
 }  // namespace
 
 TEST(RightAngle, MatchesPlainDefinitionOnRandomProfiles) {
+    // Coarse staircases of flats and walls with noise, missing points and
+    // heights right at the validity threshold; and fine, even sampling with
+    // short reaches, where the screening walks several points on both sides
+    // before anything decides and missing points or walls interrupt it.
     testutil::Rng rng(99);
-    for (int trial = 0; trial < 500; ++trial) {
-        // Staircases of flats and walls with noise, coarse and fine sampling,
-        // missing points and heights right at the validity threshold.
-        std::vector<SKesp3DPosition> v;
-        double y = 0, z = 10;
-        const int n = static_cast<int>(rng.integer(0, 150));
-        for (int i = 0; i < n; ++i) {
-            if (rng.integer(0, 3) == 0) z += rng.uniform(-1.5, 1.5);  // wall step
-            else y += rng.uniform(0.05, 0.6);                          // flat step
-            double zz = z + rng.uniform(-0.05, 0.05);
-            const int64_t r = rng.integer(0, 20);
-            if (r == 0) zz = 0.0;
-            if (r == 1) zz = 0.0001;
-            v.push_back(pt(0, y + rng.uniform(-0.05, 0.05), zz));
-        }
-        SHX_lineRightAngleParam p[4];
-        for (auto& k : p) k = kind(rng.uniform(0.2, 2.5), rng.uniform(0.2, 2.5), rng.uniform(0.05, 0.6));
-        const auto want = plainRightAngles(v, p);
-        const auto got = detect(v, p[0], p[1], p[2], p[3]);
-        ASSERT_EQ(got.size(), want.size()) << "trial " << trial;
-        for (size_t i = 0; i < got.size(); ++i) {
-            EXPECT_EQ(got[i].type, want[i].type) << "trial " << trial;
-            EXPECT_EQ(got[i].idx, want[i].idx) << "trial " << trial;
-        }
-    }
-}
-
-TEST(RightAngle, MatchesPlainDefinitionOnDenselySampledProfiles) {
-    // Fine, even sampling with short reaches: the screening walks several
-    // points on both sides before anything decides, and missing points or
-    // walls interrupt it part way.
-    testutil::Rng rng(7);
     size_t found = 0;
-    for (int trial = 0; trial < 300; ++trial) {
+    for (int trial = 0; trial < 800; ++trial) {
+        const bool dense = trial >= 500;
         std::vector<SKesp3DPosition> v;
-        double y = 0, z = 20;
-        const int n = static_cast<int>(rng.integer(20, 300));
+        double y = 0, z = dense ? 20 : 10;
+        const int n = static_cast<int>(dense ? rng.integer(20, 300) : rng.integer(0, 150));
         for (int i = 0; i < n; ++i) {
-            if (rng.integer(0, 25) == 0) {
-                const double to = z + rng.uniform(-6, 6);
-                for (int k = 1; k < 8; ++k) v.push_back(pt(0, y, z + (to - z) * k / 8.0));
-                z = to;
+            double zz;
+            if (dense) {
+                if (rng.integer(0, 25) == 0) {
+                    const double to = z + rng.uniform(-6, 6);
+                    for (int k = 1; k < 8; ++k) v.push_back(pt(0, y, z + (to - z) * k / 8.0));
+                    z = to;
+                }
+                y += 0.1;
+                zz = rng.integer(0, 60) == 0 ? 0.0 : z + rng.uniform(-0.005, 0.005);
+            } else {
+                if (rng.integer(0, 3) == 0) z += rng.uniform(-1.5, 1.5);  // wall step
+                else y += rng.uniform(0.05, 0.6);                          // flat step
+                zz = z + rng.uniform(-0.05, 0.05);
+                const int64_t r = rng.integer(0, 20);
+                if (r == 0) zz = 0.0;
+                if (r == 1) zz = 0.0001;
             }
-            y += 0.1;
-            double zz = z + rng.uniform(-0.005, 0.005);
-            if (rng.integer(0, 60) == 0) zz = 0.0;
-            v.push_back(pt(0, y, zz));
+            v.push_back(pt(0, dense ? y : y + rng.uniform(-0.05, 0.05), zz));
         }
         SHX_lineRightAngleParam p[4];
-        for (auto& k : p) k = kind(rng.uniform(0.3, 1.2), rng.uniform(0.3, 1.2), rng.uniform(0.05, 0.4));
-        const auto want = plainRightAngles(v, p);
+        for (auto& k : p)
+            k = dense ? kind(rng.uniform(0.3, 1.2), rng.uniform(0.3, 1.2), rng.uniform(0.05, 0.4))
+                      : kind(rng.uniform(0.2, 2.5), rng.uniform(0.2, 2.5), rng.uniform(0.05, 0.6));
         const auto got = detect(v, p[0], p[1], p[2], p[3]);
-        ASSERT_EQ(got.size(), want.size()) << "trial " << trial;
-        found += got.size();
-        for (size_t i = 0; i < got.size(); ++i) {
-            EXPECT_EQ(got[i].type, want[i].type) << "trial " << trial;
-            EXPECT_EQ(got[i].idx, want[i].idx) << "trial " << trial;
-        }
+        ASSERT_EQ(show(got), show(plainRightAngles(v, p))) << "trial " << trial;
+        found += dense ? got.size() : 0;
     }
-    EXPECT_GT(found, 100u);  // the profiles do hold corners
+    EXPECT_GT(found, 100u);  // the dense profiles do hold corners
 }

@@ -15,60 +15,48 @@ const double kIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
 const double kQuarterX[9] = {1, 0, 0, 0, 0, -1, 0, 1, 0};
 
 void expectSamePoint(const SKesp3DPosition& a, const SKesp3DPosition& b) {
-    EXPECT_EQ(a.nPointIdx, b.nPointIdx);
-    EXPECT_EQ(a.x, b.x);
-    EXPECT_EQ(a.y, b.y);
-    EXPECT_EQ(a.z, b.z);
+    EXPECT_TRUE(a.nPointIdx == b.nPointIdx && a.x == b.x && a.y == b.y && a.z == b.z)
+        << a.x << " " << a.y << " " << a.z << " vs " << b.x << " " << b.y << " " << b.z;
 }
 
 }  // namespace
 
-TEST(LineDataRT, IdentityWithoutLimitChangesNothing) {
-    std::vector<SKesp3DPosition> v{pt(1.5, -2, 3, 0x123456789ABCLL), pt(4, 5, 0.0, -7), pt(7, 8, 1e6, 3)};
-    const auto before = v;
-    SKesp3DLaserLine line;
-    line.p3DPosition = v.data();
-    line.nPositionCnt = 3;
-    lineDataRT(&line, kIdentity, 0.0);
-    for (size_t i = 0; i < v.size(); ++i) expectSamePoint(v[i], before[i]);
-}
-
-TEST(LineDataRT, RotatesValidPointsOnlyAndKeepsIndex) {
-    std::vector<SKesp3DPosition> v{pt(1, 2, 3, -1), pt(1, 2, 0.0, 42), pt(1, 2, 0.0000999, 43)};
-    lineDataRT_vector(v, kQuarterX, 0.0);
-    expectSamePoint(v[0], pt(1, -3, 2, -1));
-    // Invalid points are not rotated even though the rotation would lift them.
-    expectSamePoint(v[1], pt(1, 2, 0.0, 42));
-    expectSamePoint(v[2], pt(1, 2, 0.0000999, 43));
-}
-
-TEST(LineDataRT, HeightLimitBoundary) {
-    // A pure z scale keeps the arithmetic exact: z' = z.
-    std::vector<SKesp3DPosition> v{pt(1, 2, 10.0, 5), pt(3, 4, 10.0001, 6), pt(5, 6, 9.0, 7)};
-    SKesp3DLaserLine line;
-    line.p3DPosition = v.data();
-    line.nPositionCnt = 3;
-    lineDataRT(&line, kIdentity, 10.0);
-    EXPECT_EQ(v[0].z, 10.0);
-    EXPECT_EQ(v[1].z, 0.0);  // dropped: above the limit, keeps x' and y'
-    EXPECT_EQ(v[1].x, 3.0);
-    EXPECT_EQ(v[1].y, 4.0);
-    EXPECT_EQ(v[1].nPointIdx, 6);
-    EXPECT_EQ(v[2].z, 9.0);
-
-    // A negative limit is no limit.
-    std::vector<SKesp3DPosition> w{pt(0, 0, 50.0)};
-    lineDataRT_vector(w, kIdentity, -1.0);
-    EXPECT_EQ(w[0].z, 50.0);
-}
-
-TEST(LineDataRT, RotationUsesUntransformedCoordinates) {
-    // x' = y, y' = z, z' = x (a cyclic permutation): every output depends on
-    // an input that a naive in-place update would already have overwritten.
+TEST(LineDataRT, HandWorkedLines) {
+    // x' = y, y' = z, z' = x: every output depends on an input that a naive
+    // in-place update would already have overwritten.
     const double perm[9] = {0, 1, 0, 0, 0, 1, 1, 0, 0};
-    std::vector<SKesp3DPosition> v{pt(7, 8, 9)};
-    lineDataRT_vector(v, perm, 0.0);
-    expectSamePoint(v[0], pt(8, 9, 7));
+    using Pts = std::vector<SKesp3DPosition>;
+    const struct {
+        const char* what;
+        const double* rot;
+        double limit;
+        Pts in, want;
+    } cases[] = {
+        {"identity without limit changes nothing", kIdentity, 0.0,
+         {pt(1.5, -2, 3, 0x123456789ABCLL), pt(4, 5, 0.0, -7), pt(7, 8, 1e6, 3)},
+         {pt(1.5, -2, 3, 0x123456789ABCLL), pt(4, 5, 0.0, -7), pt(7, 8, 1e6, 3)}},
+        {"valid points turn, invalid ones stay though the turn would lift them", kQuarterX, 0.0,
+         {pt(1, 2, 3, -1), pt(1, 2, 0.0, 42), pt(1, 2, 0.0000999, 43)},
+         {pt(1, -3, 2, -1), pt(1, 2, 0.0, 42), pt(1, 2, 0.0000999, 43)}},
+        {"a height just above the limit drops to 0 keeping x' and y'; at the limit it stays", kIdentity, 10.0,
+         {pt(1, 2, 10.0, 5), pt(3, 4, 10.0001, 6), pt(5, 6, 9.0, 7)},
+         {pt(1, 2, 10.0, 5), pt(3, 4, 0.0, 6), pt(5, 6, 9.0, 7)}},
+        {"a negative limit is no limit", kIdentity, -1.0, {pt(0, 0, 50.0)}, {pt(0, 0, 50.0)}},
+        {"the turn reads the untransformed coordinates", perm, 0.0, {pt(7, 8, 9)}, {pt(8, 9, 7)}},
+    };
+    for (const auto& c : cases) {
+        Pts viaPointer = c.in, viaVector = c.in;
+        SKesp3DLaserLine line;
+        line.p3DPosition = viaPointer.data();
+        line.nPositionCnt = static_cast<int32_t>(viaPointer.size());
+        lineDataRT(&line, c.rot, c.limit);
+        lineDataRT_vector(viaVector, c.rot, c.limit);
+        for (size_t i = 0; i < c.want.size(); ++i) {
+            expectSamePoint(viaPointer[i], c.want[i]);
+            expectSamePoint(viaVector[i], c.want[i]);
+        }
+        if (HasFailure()) FAIL() << c.what;
+    }
 }
 
 TEST(LineDataRT, EmptyAndNegativeCountsAreLeftAlone) {
@@ -108,19 +96,18 @@ TEST(LineDataRT, ColouredPointsRoundThroughFloatAndKeepColour) {
     EXPECT_EQ(pts[2].nRGBD, 0xFFFFFFFFu);
 }
 
-TEST(EulerAngles, RoundTrip) {
-    double R[3][3];
-    eulerToRotationMatrixZYX(SHX_EulerAngles{10, 20, 30}, R);
-    const SHX_EulerAngles e = rotationMatrixToEulerZYX(R);
-    EXPECT_NEAR(e.roll, 10, 1e-9);
-    EXPECT_NEAR(e.pitch, 20, 1e-9);
-    EXPECT_NEAR(e.yaw, 30, 1e-9);
-
-    eulerToRotationMatrixZYX(SHX_EulerAngles{-170, -45, 120}, R);
-    const SHX_EulerAngles f = rotationMatrixToEulerZYX(R);
-    EXPECT_NEAR(f.roll, -170, 1e-9);
-    EXPECT_NEAR(f.pitch, -45, 1e-9);
-    EXPECT_NEAR(f.yaw, 120, 1e-9);
+TEST(EulerAngles, RoundTripAndIdentity) {
+    for (const SHX_EulerAngles& in : {SHX_EulerAngles{10, 20, 30}, SHX_EulerAngles{-170, -45, 120}}) {
+        double R[3][3];
+        eulerToRotationMatrixZYX(in, R);
+        const SHX_EulerAngles e = rotationMatrixToEulerZYX(R);
+        EXPECT_NEAR(e.roll, in.roll, 1e-9);
+        EXPECT_NEAR(e.pitch, in.pitch, 1e-9);
+        EXPECT_NEAR(e.yaw, in.yaw, 1e-9);
+    }
+    const double I[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+    const SHX_EulerAngles e = rotationMatrixToEulerZYX(I);
+    EXPECT_TRUE(e.roll == 0.0 && e.pitch == 0.0 && e.yaw == 0.0);
 }
 
 TEST(EulerAngles, MatrixOfSingleAxisRotations) {
@@ -148,12 +135,4 @@ TEST(EulerAngles, GimbalLockFoldsRollIntoYaw) {
     EXPECT_EQ(e.roll, 0.0);
     EXPECT_NEAR(e.pitch, 90, 1e-6);
     EXPECT_NEAR(e.yaw, 70 - 25, 1e-6);
-}
-
-TEST(EulerAngles, IdentityGivesZeros) {
-    const double I[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
-    const SHX_EulerAngles e = rotationMatrixToEulerZYX(I);
-    EXPECT_EQ(e.roll, 0.0);
-    EXPECT_EQ(e.pitch, 0.0);
-    EXPECT_EQ(e.yaw, 0.0);
 }

@@ -31,51 +31,44 @@ void expectPoints(const std::vector<SKesp2DPoint>& v, const std::vector<std::pai
 
 }  // namespace
 
-TEST(ScanBoundingBox, NoValidPointGivesEmptyRanges) {
-    std::vector<std::vector<SKesp3DPosition>> scan{{pt(1, 2, 0.0), pt(3, 4, 0.0000999)}, {}};
-    auto lines = testutil::linesOf(scan);
-    for (const SKesp3DRangeD& box : {hx_getScanDataROI(lines.data(), 2), hx_getScanDataROI_vector(scan)}) {
-        expectRange(box.xRange, 0.0, -1.0);
-        expectRange(box.yRange, 0.0, -1.0);
-        expectRange(box.zRange, 0.0, -1.0);
-    }
-}
-
-TEST(ScanBoundingBox, NonPositiveLineCountGivesEmptyBox) {
-    std::vector<std::vector<SKesp3DPosition>> scan{{pt(1, 2, 3)}};
-    auto lines = testutil::linesOf(scan);
-    expectRange(hx_getScanDataROI(lines.data(), 0).xRange, 0.0, -1.0);
-    expectRange(hx_getScanDataROI(lines.data(), -5).zRange, 0.0, -1.0);
-    expectRange(hx_getScanDataROI(nullptr, 0).yRange, 0.0, -1.0);
-}
-
-TEST(ScanBoundingBox, SingleValidPointAndThresholdBoundary) {
-    // z exactly 0.0001 is valid, just below is not.
-    std::vector<std::vector<SKesp3DPosition>> scan{{pt(-7, 2, 0.0000999), pt(5, -3, 0.0001)}};
-    auto lines = testutil::linesOf(scan);
-    const SKesp3DRangeD box = hx_getScanDataROI(lines.data(), 1);
-    expectRange(box.xRange, 5, 5);
-    expectRange(box.yRange, -3, -3);
-    expectRange(box.zRange, 0.0001, 0.0001);
-}
-
-TEST(ScanBoundingBox, NegativeCoordinatesEmptyLinesAndBothForms) {
-    std::vector<std::vector<SKesp3DPosition>> scan{
-        {pt(-1, 10, 2), pt(100, 100, 0.0), pt(3, -4, 5)},
-        {},
-        {pt(-2, 0, 1.5), pt(0, 7, 9)},
+TEST(ScanBoundingBox, HandWorkedScans) {
+    using Scan = std::vector<std::vector<SKesp3DPosition>>;
+    constexpr int all = 1 << 30;
+    const struct {
+        const char* what;
+        Scan scan;
+        int count;          // lines passed; `all`: every line, through both forms
+        double want[3][2];  // x, y, z ranges
+    } cases[] = {
+        {"no valid point: empty ranges {0, -1}", {{pt(1, 2, 0.0), pt(3, 4, 0.0000999)}, {}}, all,
+         {{0, -1}, {0, -1}, {0, -1}}},
+        {"no line", {{pt(1, 2, 3)}}, 0, {{0, -1}, {0, -1}, {0, -1}}},
+        {"a negative line count", {{pt(1, 2, 3)}}, -5, {{0, -1}, {0, -1}, {0, -1}}},
+        {"z exactly 0.0001 is valid, just below is not", {{pt(-7, 2, 0.0000999), pt(5, -3, 0.0001)}}, all,
+         {{5, 5}, {-3, -3}, {0.0001, 0.0001}}},
+        {"negative coordinates, an empty line",
+         {{pt(-1, 10, 2), pt(100, 100, 0.0), pt(3, -4, 5)}, {}, {pt(-2, 0, 1.5), pt(0, 7, 9)}},
+         all, {{-2, 3}, {-4, 10}, {1.5, 9}}},
+        {"only the first line counted", {{pt(-1, 10, 2), pt(100, 100, 0.0), pt(3, -4, 5)}, {pt(-2, 0, 1.5)}}, 1,
+         {{-1, 3}, {-4, 10}, {2, 5}}},
     };
-    auto lines = testutil::linesOf(scan);
-    lines[1].nPositionCnt = -3;  // a negative count is an empty line
-    for (const SKesp3DRangeD& box : {hx_getScanDataROI(lines.data(), 3), hx_getScanDataROI_vector(scan)}) {
-        expectRange(box.xRange, -2, 3);
-        expectRange(box.yRange, -4, 10);
-        expectRange(box.zRange, 1.5, 9);
+    for (const auto& c : cases) {
+        Scan scan = c.scan;
+        auto lines = testutil::linesOf(scan);
+        const int32_t count = c.count == all ? static_cast<int32_t>(lines.size()) : c.count;
+        std::vector<SKesp3DRangeD> boxes{hx_getScanDataROI(lines.data(), count)};
+        if (c.count == all) boxes.push_back(hx_getScanDataROI_vector(scan));
+        for (const SKesp3DRangeD& box : boxes) {
+            const SKespRangeD* r[3] = {&box.xRange, &box.yRange, &box.zRange};
+            for (int a = 0; a < 3; ++a)
+                EXPECT_TRUE(r[a]->min == c.want[a][0] && r[a]->max == c.want[a][1]) << c.what << ", axis " << a;
+        }
     }
-    // Only the first line counted.
-    const SKesp3DRangeD first = hx_getScanDataROI(lines.data(), 1);
-    expectRange(first.xRange, -1, 3);
-    expectRange(first.zRange, 2, 5);
+    // A negative count is an empty line.
+    Scan scan{{pt(-1, 10, 2)}, {pt(50, 50, 50)}, {pt(-2, 0, 1.5)}};
+    auto lines = testutil::linesOf(scan);
+    lines[1].nPositionCnt = -3;
+    expectRange(hx_getScanDataROI(lines.data(), 3).xRange, -2, -1);
 }
 
 TEST(ScanBoundingBox, MatchesPlainRangeGrowingOnRandomScans) {
@@ -147,9 +140,7 @@ TEST(DrawLine, BresenhamRuns) {
     expectPoints(draw(0, 0, 2, 2), {{0, 0}, {1, 1}, {2, 2}});
     // Steep: err = 1 - 3 = -2; steps worked by hand.
     expectPoints(draw(0, 0, 1, 3), {{0, 0}, {0, 1}, {1, 2}, {1, 3}});
-}
-
-TEST(DrawLine, AppendsAfterExistingContent) {
+    // Appended after what the vector held.
     std::vector<SKesp2DPoint> v{{9, 9}};
     drawLine(-1, 0, 1, 0, v);
     expectPoints(v, {{9, 9}, {-1, 0}, {0, 0}, {1, 0}});

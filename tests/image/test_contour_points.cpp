@@ -190,54 +190,6 @@ PostResult post(const std::vector<SHX_contourPtInfo>& pts, int maxIdx, double to
 
 }  // namespace
 
-TEST(ContourPostProc, DropsContoursOfAtMostThreeTenthsOfThePoints) {
-    // 10 points: contour 1 with 3 points is dropped (3 <= 3), contour 2 with 4
-    // survives though its mean is larger, contour 3 with 3 is dropped.
-    std::vector<SHX_contourPtInfo> pts = {cp(0, 0, 1, 1, 1.0), cp(0, 1, 2, 1, 9.0), cp(0, 2, 3, 1, 1.0),
-                                          cp(1, 0, 1, 1, 1.0), cp(1, 1, 2, 0, 9.0), cp(1, 2, 3, 1, 1.0),
-                                          cp(2, 0, 1, 1, 1.0), cp(2, 1, 2, 1, 9.0), cp(2, 2, 3, 1, 1.0),
-                                          cp(3, 1, 2, 0, 9.0)};
-    PostResult r = post(pts, 3, 0.1, 0, 42);
-    EXPECT_EQ(show(r.out), "0.1 1.1 2.1 3.1 ");
-    EXPECT_EQ(r.out[0].value2, 42);
-    EXPECT_EQ(r.out[0].value, pts[1].z);
-    EXPECT_EQ(r.out[0].featureType, 3);
-    EXPECT_EQ(r.flag, 0) << "2 of 4 flagged";
-    // 9 points: limit 2, all three contours survive; grouped by contour.
-    pts.pop_back();
-    EXPECT_EQ(show(post(pts, 3, 100.0).out), "0.0 1.0 2.0 0.1 1.1 2.1 0.2 1.2 2.2 ");
-    // With every contour at or below the share nothing is output.
-    std::vector<SHX_contourPtInfo> spread;
-    for (int i = 0; i < 10; ++i) spread.push_back(cp(i, 0, i % 4, 1, 1.0));  // 3, 3, 2, 2 points
-    PostResult none = post(spread, 3, 100.0, 2);
-    EXPECT_EQ(none.out.size(), 2u);
-    EXPECT_EQ(none.flag, 0);
-}
-
-TEST(ContourPostProc, ToleranceIsStrictAndOutputIsGroupedByFirstAppearance) {
-    // Two surviving contours interleaved; contour 4 appears first, contour 2
-    // has the smaller mean and is the reference.
-    auto make = [](double farMean) {
-        std::vector<SHX_contourPtInfo> pts;
-        for (int i = 0; i < 5; ++i) {
-            pts.push_back(cp(i, 1, 4, 1, farMean + (i - 2) * 0.5));
-            pts.push_back(cp(i, 2, 2, 0, 5.0 + (i - 2) * 0.25));
-        }
-        return pts;
-    };
-    EXPECT_EQ(show(post(make(5.5), 4, 0.5).out), "0.2 1.2 2.2 3.2 4.2 ") << "5.5 - 5.0 is not < 0.5";
-    EXPECT_EQ(show(post(make(5.25), 4, 0.5).out), "0.1 1.1 2.1 3.1 4.1 0.2 1.2 2.2 3.2 4.2 ");
-    EXPECT_EQ(show(post(make(4.5), 4, 0.5).out), "0.1 1.1 2.1 3.1 4.1 ") << "the first contour is the reference when its mean is smallest";
-    // Majority over the whole output: 5 flagged of 10 is no majority, 6 is.
-    EXPECT_EQ(post(make(5.25), 4, 0.5).flag, 0);
-    std::vector<SHX_contourPtInfo> pts = make(5.25);
-    pts[3].ptFlag = 3;
-    EXPECT_EQ(post(pts, 4, 0.5).flag, 1);
-    EXPECT_EQ(post(pts, 4, 0.5, 2).flag, 0) << "12 is not > 12";
-    EXPECT_EQ(post({}, 4, 0.5).flag, 0);
-    EXPECT_TRUE(post({}, 4, 0.5).out.empty());
-}
-
 TEST(ContourPostProc, IdentifiersOutsideTheTableBelongToNoContour) {
     // 10 points: 4 of contour 1 and 6 out of range (max 5); contour 1 still
     // needs more than 3 points of the 10.

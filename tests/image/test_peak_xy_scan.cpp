@@ -1,5 +1,7 @@
-// Peak XY scan: hand-built scans for each rule of the walks and the sweeps, and
-// an identity test against a plain version written step by step.
+// Peak XY scan: a table of hand-built scans for the rules of the walks and the
+// sweeps, out-of-contract calls, and identity with a plain version written step
+// by step on random scans.
+#include <array>
 #include <cmath>
 #include <sstream>
 #include <string>
@@ -34,9 +36,6 @@ struct Grid {
     void mark(int i, int k, int bits) { setBits(i, k, 8, 0xFF, bits); }
     void contour(int i, int k, int c) { flags.at<cv::Vec4i>(k, i)[0] = c; }
     void enable(int i, int k) { flags.at<cv::Vec4i>(k, i)[3] = 1; }
-    // An edge point of a contour along its line / across the lines.
-    void alongEdge(int i, int k, int t, int c) { along(i, k, t), contour(i, k, c); }
-    void crossEdge(int i, int k, int t, int c) { cross(i, k, t), contour(i, k, c); }
 };
 
 struct Out {
@@ -85,368 +84,174 @@ SHX_lineConotours sentinel(int idx) {
     return e;
 }
 
-// 7 lines x 12 points, seed at line 3, point 5; window 100 (everything).
+// 7 lines x 12 points, seed at line 3, point 5.
 constexpr int kL = 7, kN = 12, kSX = 3, kSY = 5;
+
+// One point of a hand-built scan: along-line type, cross-line type, mark bits, contour index.
+struct Edit {
+    int i, k, along, cross, mark, contour;
+};
+
+struct Case {
+    const char* what;
+    int points, seedY;
+    double seedValue, bagL;
+    bool markBits;
+    std::vector<Edit> edits;
+    std::array<const char*, 4> want;  // lineDown, lineUp, rowDown, rowUp; nullptr: not checked
+    std::array<int, 4> maxima;        // likewise; -1: not checked
+};
 
 }  // namespace
 
-// ---------------------------------------------------------------------------
-// Entry conditions
-// ---------------------------------------------------------------------------
-
-TEST(PeakXYScan, UnflaggedOrOutOfContractSeedTouchesNothing) {
-    Grid g(kL, kN);
-    g.alongEdge(kSX, 1, 3, 4);
-    g.enable(kSX, kSY);
-    Out fresh;
-    fresh.lineDown.push_back(sentinel(50));
-    auto expectUntouched = [&](const Out& o) {
-        EXPECT_EQ(show(o.lineDown), "50{0.0 t0 c77 f0} ");
-        EXPECT_TRUE(o.lineUp.empty() && o.rowDown.empty() && o.rowUp.empty());
-        EXPECT_EQ(o.lineDownMax, -7);
-        EXPECT_EQ(o.lineUpMax, -7);
-        EXPECT_EQ(o.rowDownMax, -7);
-        EXPECT_EQ(o.rowUpMax, -7);
+TEST(PeakXYScan, HandBuiltScans) {
+    const char* any = nullptr;
+    const std::vector<Case> cases = {
+        {"along a line: 3 recorded flagged toward lower, 4 toward higher; 1, 2, 6, 7, 8 end the walk; a typed "
+         "point without contour index is passed unrecorded but still ends it",
+         kN, kSY, 0, 100, false,
+         {{3, 3, 3, 0, 0, 4}, {3, 2, 6, 0, 0, 4}, {3, 0, 1, 0, 0, 4}, {3, 7, 4, 0, 0, 2}, {3, 9, 2, 0, 0, 2},
+          {3, 11, 7, 0, 0, 2}, {1, 3, 4, 0, 0, 3}, {1, 2, 1, 0, 0, 3}, {1, 8, 3, 0, 0, 3}, {1, 10, 7, 0, 0, 3},
+          {5, 1, 2, 0, 0, 1}, {5, 0, 3, 0, 0, 1}, {5, 9, 8, 0, 0, 1}, {5, 10, 3, 0, 0, 1}, {6, 2, 3, 0, 0, 0},
+          {6, 1, 1, 0, 0, 0}, {6, 0, 3, 0, 0, 9}},
+         {"1{1.3 t4 c3 f0 1.2 t1 c3 f1} 3{3.3 t3 c4 f1 3.2 t6 c4 f0} 5{5.1 t2 c1 f0} ",
+          "1{1.8 t3 c3 f0 1.10 t7 c3 f0} 3{3.7 t4 c2 f1 3.9 t2 c2 f1} 5{5.9 t8 c1 f0} ", any, any},
+         {4, 3, -1, -1}},
+        {"either along-line end marker (5, 6) ends either walk, the across markers (7, 8) do not; mark bits on a "
+         "type-0 point make a type-8 point with marker 5 / 6; on a typed point they change nothing",
+         kN, kSY, 0, 100, true,
+         {{2, 3, 3, 0, 0, 6}, {2, 1, 3, 0, 0, 4}, {2, 7, 3, 0, 0, 5}, {2, 9, 3, 0, 0, 4}, {4, 2, 3, 0, 0, 7},
+          {4, 1, 3, 0, 0, 8}, {4, 0, 6, 0, 0, 4}, {0, 2, 0, 0, 0x10, 0}, {0, 1, 3, 0, 0, 4}, {0, 9, 0, 0, 0x80, 2},
+          {6, 3, 3, 0, 0x01, 2}, {6, 1, 1, 0, 0, 2}},
+         {"0{0.2 t8 c5 f0} 2{2.3 t3 c6 f1} 4{4.2 t3 c7 f1 4.1 t3 c8 f1 4.0 t6 c4 f0} 6{6.3 t3 c2 f1 6.1 t1 c2 f1} ",
+          "0{0.9 t8 c6 f0} 2{2.7 t3 c5 f0} ", any, any},
+         {8, 6, -1, -1}},
+        {"contour points at or beside the seed index end the walk unrecorded; two away they are recorded", kN, kSY,
+         0, 100, false,
+         {{1, 4, 3, 0, 0, 4}, {1, 2, 3, 0, 0, 4}, {1, 7, 3, 0, 0, 4}, {2, 5, 3, 0, 0, 4}, {2, 3, 3, 0, 0, 4},
+          {2, 7, 3, 0, 0, 4}, {4, 6, 3, 0, 0, 4}, {4, 8, 3, 0, 0, 4}, {4, 3, 3, 0, 0, 4}, {5, 4, 3, 0, 0, 0},
+          {5, 3, 3, 0, 0, 4}},
+         {"4{4.3 t3 c4 f1} 5{5.3 t3 c4 f1} ", "1{1.7 t3 c4 f0} ", any, any},
+         {-1, -1, -1, -1}},
+        {"limit bagL - 0.5 value = 3: a point 3 away is recorded, 4 away ends the walk; lines more than 3 away in x "
+         "are outside the window; a skipped type-0 point 4 away still looks ahead and its abort discards line 4",
+         kN, kSY, 2.0, 4.0, false,
+         {{3, 2, 3, 0, 0, 4}, {3, 1, 3, 0, 0, 4}, {3, 0, 3, 0, 0, 4}, {3, 9, 3, 0, 0, 4}, {2, 2, 3, 0, 0, 1},
+          {2, 7, 3, 0, 0, 1}, {1, 2, 3, 0, 0, 1}, {4, 1, 0, 1, 0, 0}, {4, 7, 3, 0, 0, 1}},
+         {"2{2.2 t3 c1 f1} 3{3.2 t3 c4 f1} ", "2{2.7 t3 c1 f0} ", any, any},
+         {-1, -1, -1, -1}},
+        {"a negative limit scans nothing, not even the seed line, and zeroes the maxima", kN, kSY, 8.2, 4.0, false,
+         {{3, 2, 3, 0, 0, 4}, {3, 9, 3, 0, 0, 4}, {1, 5, 0, 3, 0, 4}},
+         {"", "", "", ""},
+         {0, 0, 0, 0}},
+        {"look-ahead: a skipped point with cross type 1 finds a type within five points (the fourth ahead)",
+         kN + 4, kSY + 4, 0, 100, false,
+         {{2, 8, 0, 1, 0, 0}, {2, 4, 3, 0, 0, 4}, {2, 0, 6, 0, 0, 4}, {1, 0, 6, 0, 0, 4}, {3, 0, 6, 0, 0, 4}},
+         {"1{1.0 t6 c4 f0} 2{2.4 t3 c4 f1 2.0 t6 c4 f0} 3{3.0 t6 c4 f0} ", any, any, any},
+         {-1, -1, -1, -1}},
+        {"look-ahead: the fifth point ahead is too far; the abort ends the backward part", kN + 4, kSY + 4, 0, 100,
+         false,
+         {{2, 8, 0, 1, 0, 0}, {2, 3, 3, 0, 0, 4}, {2, 0, 6, 0, 0, 4}, {1, 0, 6, 0, 0, 4}, {3, 0, 6, 0, 0, 4}},
+         {"3{3.0 t6 c4 f0} ", any, any, any},
+         {-1, -1, -1, -1}},
+        {"look-ahead: cross types other than 1 and 2 do not look ahead", kN + 4, kSY + 4, 0, 100, false,
+         {{2, 8, 0, 3, 0, 0}, {2, 3, 3, 0, 0, 4}, {2, 0, 6, 0, 0, 4}, {1, 0, 6, 0, 0, 4}, {3, 0, 6, 0, 0, 4}},
+         {"1{1.0 t6 c4 f0} 2{2.3 t3 c4 f1 2.0 t6 c4 f0} 3{3.0 t6 c4 f0} ", any, any, any},
+         {-1, -1, -1, -1}},
+        {"look-ahead running out of the line aborts line 5 and ends the forward part; line ends are never skipped",
+         kN, kSY, 0, 100, false,
+         {{5, 2, 0, 1, 0, 0}, {4, 9, 3, 0, 0, 1}, {5, 9, 3, 0, 0, 1}, {6, 9, 3, 0, 0, 1}, {1, 0, 0, 1, 0, 0},
+          {1, 11, 0, 2, 0, 0}, {1, 9, 3, 0, 0, 2}},
+         {any, "1{1.9 t3 c2 f0} 4{4.9 t3 c1 f0} ", any, any},
+         {-1, 2, -1, -1}},
+        {"an abort ends only its part of the sweep: line 2 (backward X part) and row 3 (backward Y part)", kN, kSY, 0,
+         100, false,
+         {{3, 1, 3, 0, 0, 2}, {2, 1, 3, 0, 0, 6}, {2, 8, 0, 2, 0, 0}, {1, 1, 3, 0, 0, 2}, {4, 1, 3, 0, 0, 3},
+          {0, 5, 0, 3, 0, 2}, {0, 4, 0, 3, 0, 2}, {5, 3, 1, 0, 0, 0}, {0, 3, 0, 3, 0, 2}, {0, 2, 0, 3, 0, 2},
+          {0, 6, 0, 3, 0, 2}, {0, 10, 0, 3, 0, 2}},
+         {"3{3.1 t3 c2 f1} 4{4.1 t3 c3 f1} ", any, "4{0.4 t3 c2 f1} 5{0.5 t3 c2 f1} 6{0.6 t3 c2 f1} 10{0.10 t3 c2 f1} ",
+          any},
+         {3, -1, -1, -1}},
+        {"across lines: the cross type counts, not the along type; 5 and 6 do not end it, 7 and 8 do; beside the "
+         "seed line ends it; a marked point becomes type 8 with marker 8",
+         kN, kSY, 0, 100, true,
+         {{2, 7, 3, 0, 0, 4}, {1, 7, 0, 4, 0, 8}, {0, 7, 0, 3, 0, 4}, {5, 7, 0, 4, 0, 5}, {6, 7, 0, 3, 0, 7},
+          {2, 2, 0, 3, 0, 4}, {0, 2, 0, 3, 0, 4}, {5, 2, 0, 0, 0x04, 0}, {1, 9, 0, 2, 0, 3}, {0, 9, 0, 3, 0, 3},
+          {6, 9, 0, 1, 0, 3}},
+         {any, any, "7{1.7 t4 c8 f0} 9{1.9 t2 c3 f0} ",
+          "2{5.2 t8 c8 f0} 7{5.7 t4 c5 f1 6.7 t3 c7 f0} 9{6.9 t1 c3 f0} "},
+         {-1, -1, 8, 8}},
     };
-    {  // element 3 of the seed pixel is 0 (elements 0..2 set do not count)
-        Out o = fresh;
-        g.flags.at<cv::Vec4i>(kSY + 1, kSX) = cv::Vec4i(9, 9, 9, 0);
-        run(g, seedAt(kSX, kSY + 1), 100.0, false, o);
-        expectUntouched(o);
-    }
-    for (auto s : {seedAt(-1, kSY), seedAt(kL, kSY), seedAt(kSX, -1), seedAt(kSX, kN)}) {
-        Out o = fresh;
-        run(g, s, 100.0, false, o);
-        expectUntouched(o);
-    }
-    {  // flag image of the wrong type or too small: not read, nothing touched
-        cv::Mat wrongType(kN, kL, CV_32SC1, cv::Scalar::all(1));
-        cv::Mat tooFewRows(kN - 1, kL, CV_32SC4, cv::Scalar::all(1));
-        cv::Mat tooFewCols(kN, kL - 1, CV_32SC4, cv::Scalar::all(1));
-        cv::Mat empty;
-        for (const cv::Mat* m : {&wrongType, &tooFewRows, &tooFewCols, &empty}) {
-            Out o = fresh;
-            run(g, seedAt(kSX, kSY), 100.0, false, o, -1, m);
-            expectUntouched(o);
+    for (const Case& c : cases) {
+        Grid g(kL, c.points);
+        g.enable(kSX, c.seedY);
+        for (const Edit& e : c.edits) {
+            g.along(e.i, e.k, e.along);
+            g.cross(e.i, e.k, e.cross);
+            g.mark(e.i, e.k, e.mark);
+            g.contour(e.i, e.k, e.contour);
+        }
+        Out o;
+        run(g, seedAt(kSX, c.seedY, c.seedValue), c.bagL, c.markBits, o);
+        const std::vector<SHX_lineConotours>* got[4] = {&o.lineDown, &o.lineUp, &o.rowDown, &o.rowUp};
+        const int32_t maxima[4] = {o.lineDownMax, o.lineUpMax, o.rowDownMax, o.rowUpMax};
+        for (int k = 0; k < 4; ++k) {
+            if (c.want[k]) EXPECT_EQ(show(*got[k]), c.want[k]) << c.what;
+            if (c.maxima[k] >= 0) EXPECT_EQ(maxima[k], c.maxima[k]) << c.what;
         }
     }
-    {  // a line shorter than the first, or no lines at all
-        Grid h = g;
-        h.scan[5].resize(kN - 1);
-        Out o = fresh;
-        run(h, seedAt(kSX, kSY), 100.0, false, o);
-        expectUntouched(o);
-        run(g, seedAt(kSX, kSY), 100.0, false, o, 0);
-        expectUntouched(o);
-    }
-    Out o = fresh;  // the same call in contract does scan
-    run(g, seedAt(kSX, kSY), 100.0, false, o);
-    EXPECT_EQ(show(o.lineDown), "3{3.1 t3 c4 f1} 50{0.0 t0 c77 f0} ");
-}
-
-TEST(PeakXYScan, UntypedScanRecordsNothingAndZeroesTheMaxima) {
-    Grid g(kL, kN);
-    g.enable(kSX, kSY);
-    for (int i = 0; i < kL; ++i)
-        for (int k = 0; k < kN; ++k) g.contour(i, k, 3);  // contour indices alone make no contour point
-    Out o;
-    o.rowUp.push_back(sentinel(40));
-    run(g, seedAt(kSX, kSY), 100.0, true, o);
-    EXPECT_TRUE(o.lineDown.empty() && o.lineUp.empty() && o.rowDown.empty());
-    EXPECT_EQ(show(o.rowUp), "40{0.0 t0 c77 f0} ");
-    EXPECT_EQ(o.lineDownMax, 0);
-    EXPECT_EQ(o.lineUpMax, 0);
-    EXPECT_EQ(o.rowDownMax, 0);
-    EXPECT_EQ(o.rowUpMax, 0);
-}
-
-// ---------------------------------------------------------------------------
-// Walk along a line
-// ---------------------------------------------------------------------------
-
-TEST(PeakXYScan, AlongLineTypesFlagsAndEnds) {
-    Grid g(kL, kN);
-    g.enable(kSX, kSY);
-    // Line 3, toward lower indices: 3 is recorded and passed, 6 ends the walk,
-    // the type-1 point beyond it is never reached.
-    g.alongEdge(3, 3, 3, 4);
-    g.alongEdge(3, 2, 6, 4);
-    g.alongEdge(3, 0, 1, 4);
-    // Line 3, toward higher indices: 4 is recorded (flagged), 2 ends the walk.
-    g.alongEdge(3, 7, 4, 2);
-    g.alongEdge(3, 9, 2, 2);
-    g.alongEdge(3, 11, 7, 2);
-    // Line 1: 1 ends toward lower (flagged); 7 ends toward higher; a type-4
-    // point toward lower is recorded unflagged, a type-3 toward higher likewise.
-    g.alongEdge(1, 3, 4, 3);
-    g.alongEdge(1, 2, 1, 3);
-    g.alongEdge(1, 8, 3, 3);
-    g.alongEdge(1, 10, 7, 3);
-    // Line 5: 2 toward lower ends the walk, unflagged; 8 (a stored type) ends toward higher.
-    g.alongEdge(5, 1, 2, 1);
-    g.alongEdge(5, 0, 3, 1);
-    g.alongEdge(5, 9, 8, 1);
-    g.alongEdge(5, 10, 3, 1);
-    // A typed point without contour index is passed unrecorded but still ends the walk.
-    g.along(6, 2, 3);
-    g.along(6, 1, 1);
-    g.alongEdge(6, 0, 3, 9);
-    Out o;
-    run(g, seedAt(kSX, kSY), 100.0, false, o);
-    EXPECT_EQ(show(o.lineDown), "1{1.3 t4 c3 f0 1.2 t1 c3 f1} 3{3.3 t3 c4 f1 3.2 t6 c4 f0} 5{5.1 t2 c1 f0} ");
-    EXPECT_EQ(show(o.lineUp), "1{1.8 t3 c3 f0 1.10 t7 c3 f0} 3{3.7 t4 c2 f1 3.9 t2 c2 f1} 5{5.9 t8 c1 f0} ");
-    EXPECT_EQ(o.lineDownMax, 4);
-    EXPECT_EQ(o.lineUpMax, 3);
-    // The record carries the point's coordinates and its distance along the line.
-    const SHX_contourPtInfo& r = o.lineDown[1].contourPts[0];
-    EXPECT_EQ(r.seedDist, 2.0 * kPointGap);
-    EXPECT_EQ(r.x, 3 * kLineGap);
-    EXPECT_EQ(r.y, 3 * kPointGap);
-    EXPECT_EQ(r.z, 13.0);
-}
-
-TEST(PeakXYScan, AlongLineEndMarkersAndMarkBits) {
-    Grid g(kL, kN);
-    g.enable(kSX, kSY);
-    // Either along-line marker ends either walk; the across markers do not.
-    g.alongEdge(2, 3, 3, 6);
-    g.alongEdge(2, 1, 3, 4);
-    g.alongEdge(2, 7, 3, 5);
-    g.alongEdge(2, 9, 3, 4);
-    g.alongEdge(4, 2, 3, 7);
-    g.alongEdge(4, 1, 3, 8);
-    g.alongEdge(4, 0, 6, 4);
-    // Mark bits on a type-0 point make a type-8 point with marker 5 / 6.
-    g.mark(0, 2, 0x10);
-    g.alongEdge(0, 1, 3, 4);
-    g.mark(0, 9, 0x80);
-    g.contour(0, 9, 2);
-    // Mark bits on a typed point change nothing.
-    g.mark(6, 3, 0x01);
-    g.alongEdge(6, 3, 3, 2);
-    g.alongEdge(6, 1, 1, 2);
-    Out o;
-    run(g, seedAt(kSX, kSY), 100.0, true, o);
-    EXPECT_EQ(show(o.lineDown), "0{0.2 t8 c5 f0} 2{2.3 t3 c6 f1} 4{4.2 t3 c7 f1 4.1 t3 c8 f1 4.0 t6 c4 f0} "
-                                "6{6.3 t3 c2 f1 6.1 t1 c2 f1} ");
-    EXPECT_EQ(show(o.lineUp), "0{0.9 t8 c6 f0} 2{2.7 t3 c5 f0} ");
-    EXPECT_EQ(o.lineDownMax, 8);
-    EXPECT_EQ(o.lineUpMax, 6);
-    // Without the mark-bit rule the marked points are plain type-0 points.
-    Out plain;
-    run(g, seedAt(kSX, kSY), 100.0, false, plain);
-    EXPECT_EQ(show(plain.lineDown), "0{0.1 t3 c4 f1} 2{2.3 t3 c6 f1} 4{4.2 t3 c7 f1 4.1 t3 c8 f1 4.0 t6 c4 f0} "
-                                    "6{6.3 t3 c2 f1 6.1 t1 c2 f1} ");
-    EXPECT_EQ(show(plain.lineUp), "2{2.7 t3 c5 f0} ");
-}
-
-TEST(PeakXYScan, ContourPointsAtOrBesideTheSeedEndTheWalkUnrecorded) {
-    Grid g(kL, kN);
-    g.enable(kSX, kSY);
-    g.alongEdge(1, kSY - 1, 3, 4);  // beside the seed toward lower indices
-    g.alongEdge(1, kSY - 3, 3, 4);  // never reached
-    g.alongEdge(1, kSY + 2, 3, 4);  // two away toward higher: recorded
-    g.alongEdge(2, kSY, 3, 4);      // at the seed index: ends both walks
-    g.alongEdge(2, kSY - 2, 3, 4);
-    g.alongEdge(2, kSY + 2, 3, 4);
-    g.alongEdge(4, kSY + 1, 3, 4);  // beside the seed toward higher indices
-    g.alongEdge(4, kSY + 3, 3, 4);
-    g.alongEdge(4, kSY - 2, 3, 4);  // two away toward lower: recorded
-    g.along(5, kSY - 1, 3);         // typed but without contour index: passed
-    g.alongEdge(5, kSY - 2, 3, 4);
-    Out o;
-    run(g, seedAt(kSX, kSY), 100.0, false, o);
-    EXPECT_EQ(show(o.lineDown), "4{4.3 t3 c4 f1} 5{5.3 t3 c4 f1} ");
-    EXPECT_EQ(show(o.lineUp), "1{1.7 t3 c4 f0} ");
-}
-
-TEST(PeakXYScan, DistanceLimitAndWindow) {
-    // limit = bagL - 0.5 * value = 3.0: along a line a point 3 away is
-    // recorded, one 4 away ends the walk; lines more than 3 away in x (1.5
-    // lines) are outside the window.
-    Grid g(kL, kN);
-    g.enable(kSX, kSY);
-    g.alongEdge(3, 2, 3, 4);  // d = 3
-    g.alongEdge(3, 1, 3, 4);  // d = 4: ends the walk
-    g.alongEdge(3, 0, 3, 4);
-    g.alongEdge(3, 9, 3, 4);  // d = 4 toward higher
-    g.alongEdge(2, 2, 3, 1);  // x distance 2: inside
-    g.alongEdge(2, 7, 3, 1);
-    g.alongEdge(1, 2, 3, 1);  // x distance 4: outside the window
-    // Type-0 points are skipped before the distance test: a skipped point 4
-    // away still looks ahead, and its abort discards line 4's other walk.
-    g.cross(4, 1, 1);
-    g.alongEdge(4, 7, 3, 1);
-    Out o;
-    run(g, seedAt(kSX, kSY, 2.0), 4.0, false, o);
-    EXPECT_EQ(show(o.lineDown), "2{2.2 t3 c1 f1} 3{3.2 t3 c4 f1} ");
-    EXPECT_EQ(show(o.lineUp), "2{2.7 t3 c1 f0} ");
-
-    // A negative limit scans nothing, not even the seed line; the maxima are reset.
-    Out none;
-    run(g, seedAt(kSX, kSY, 8.2), 4.0, false, none);
-    EXPECT_TRUE(none.lineDown.empty() && none.lineUp.empty() && none.rowDown.empty() && none.rowUp.empty());
-    EXPECT_EQ(none.lineDownMax + none.lineUpMax + none.rowDownMax + none.rowUpMax, 0);
-    // A limit of 0 keeps only the seed's own coordinate: the seed line, no point.
-    Out zero;
-    g.alongEdge(3, kSY - 2, 3, 4);
-    run(g, seedAt(kSX, kSY, 8.0), 4.0, false, zero);
-    EXPECT_TRUE(zero.lineDown.empty());
 }
 
 TEST(PeakXYScan, WalksReadTheFirstLinesPointCount) {
     Grid g(kL, kN + 1);
     g.enable(kSX, kSY);
     g.scan[0].pop_back();  // the first line has kN points: every line is read with kN
-    g.alongEdge(2, kN - 1, 3, 4);
-    g.alongEdge(2, kN, 3, 4);
-    g.crossEdge(6, kN - 1, 3, 4);
-    g.crossEdge(6, kN, 3, 4);
+    for (int k : {kN - 1, kN}) {
+        g.along(2, k, 3), g.contour(2, k, 4);
+        g.cross(6, k, 3), g.contour(6, k, 4);
+    }
     Out o;
     run(g, seedAt(kSX, kSY), 100.0, false, o);
     EXPECT_EQ(show(o.lineUp), "2{2.11 t3 c4 f0} ");
     EXPECT_EQ(show(o.rowUp), "11{6.11 t3 c4 f0} ");
 }
 
-// ---------------------------------------------------------------------------
-// Look-ahead and aborts
-// ---------------------------------------------------------------------------
-
-TEST(PeakXYScan, LookAheadFindsATypeWithinFivePoints) {
-    // A skipped point with cross-line type 1 or 2 looks at itself and the next
-    // four points of the walk; a typed point among them lets the walk go on.
-    auto lineDownOf = [](int typedAt, int crossType) {
-        Grid g(kL, kN + 4);
-        g.enable(kSX, kSY + 4);
-        g.cross(2, 8, crossType);
-        g.alongEdge(2, typedAt, 3, 4);
-        g.alongEdge(2, 0, 6, 4);
-        g.alongEdge(1, 0, 6, 4);  // beyond an abort on line 2: never walked
-        g.alongEdge(3, 0, 6, 4);  // before it: stays
-        Out o;
-        run(g, seedAt(kSX, kSY + 4), 100.0, false, o);
-        return show(o.lineDown);
+TEST(PeakXYScan, UnflaggedOrOutOfContractSeedTouchesNothing) {
+    Grid g(kL, kN);
+    g.along(kSX, 1, 3), g.contour(kSX, 1, 4);
+    g.enable(kSX, kSY);
+    g.flags.at<cv::Vec4i>(kSY + 1, kSX) = cv::Vec4i(9, 9, 9, 0);  // elements 0..2 set do not count
+    Grid shortLine = g;
+    shortLine.scan[5].resize(kN - 1);  // a line shorter than the first
+    const cv::Mat wrongType(kN, kL, CV_32SC1, cv::Scalar::all(1)), tooFewRows(kN - 1, kL, CV_32SC4, cv::Scalar::all(1)),
+        tooFewCols(kN, kL - 1, CV_32SC4, cv::Scalar::all(1)), empty;
+    struct Call {
+        Grid* grid;
+        SHX_2DValueI seed;
+        int lineNum;
+        const cv::Mat* flags;
     };
-    EXPECT_EQ(lineDownOf(4, 1), "1{1.0 t6 c4 f0} 2{2.4 t3 c4 f1 2.0 t6 c4 f0} 3{3.0 t6 c4 f0} ")
-        << "fourth point ahead";
-    EXPECT_EQ(lineDownOf(3, 1), "3{3.0 t6 c4 f0} ") << "fifth point ahead: abort ends the backward part";
-    EXPECT_EQ(lineDownOf(3, 2), "3{3.0 t6 c4 f0} ");
-    EXPECT_EQ(lineDownOf(3, 3), "1{1.0 t6 c4 f0} 2{2.3 t3 c4 f1 2.0 t6 c4 f0} 3{3.0 t6 c4 f0} ")
-        << "cross-line types other than 1 and 2 do not look ahead";
-}
-
-TEST(PeakXYScan, LookAheadRunningOutOfTheLineAborts) {
-    Grid g(kL, kN);
-    g.enable(kSX, kSY);
-    g.cross(5, 2, 1);  // toward lower: 2, 1, 0 (untyped), then the line runs out
-    g.alongEdge(4, 9, 3, 1);
-    g.alongEdge(5, 9, 3, 1);
-    g.alongEdge(6, 9, 3, 1);
-    // Ends of the line are never skipped and so never look ahead.
-    g.cross(1, 0, 1);
-    g.cross(1, kN - 1, 2);
-    g.alongEdge(1, 9, 3, 2);
-    Out o;
+    const std::vector<Call> calls = {
+        {&g, seedAt(kSX, kSY + 1), -1, nullptr}, {&g, seedAt(-1, kSY), -1, nullptr},
+        {&g, seedAt(kL, kSY), -1, nullptr},      {&g, seedAt(kSX, -1), -1, nullptr},
+        {&g, seedAt(kSX, kN), -1, nullptr},      {&g, seedAt(kSX, kSY), -1, &wrongType},
+        {&g, seedAt(kSX, kSY), -1, &tooFewRows}, {&g, seedAt(kSX, kSY), -1, &tooFewCols},
+        {&g, seedAt(kSX, kSY), -1, &empty},      {&shortLine, seedAt(kSX, kSY), -1, nullptr},
+        {&g, seedAt(kSX, kSY), 0, nullptr},
+    };
+    for (size_t k = 0; k < calls.size(); ++k) {
+        Out o;
+        o.lineDown.push_back(sentinel(50));
+        run(*calls[k].grid, calls[k].seed, 100.0, false, o, calls[k].lineNum, calls[k].flags);
+        EXPECT_EQ(show(o.lineDown), "50{0.0 t0 c77 f0} ") << "call " << k;
+        EXPECT_TRUE(o.lineUp.empty() && o.rowDown.empty() && o.rowUp.empty()) << "call " << k;
+        EXPECT_EQ(std::vector<int>({o.lineDownMax, o.lineUpMax, o.rowDownMax, o.rowUpMax}), std::vector<int>(4, -7));
+    }
+    Out o;  // the same call in contract does scan
+    o.lineDown.push_back(sentinel(50));
     run(g, seedAt(kSX, kSY), 100.0, false, o);
-    EXPECT_EQ(show(o.lineUp), "1{1.9 t3 c2 f0} 4{4.9 t3 c1 f0} ")
-        << "the abort on line 5 discards its other walk and ends the forward part";
-    EXPECT_EQ(o.lineUpMax, 2);
+    EXPECT_EQ(show(o.lineDown), "3{3.1 t3 c4 f1} 50{0.0 t0 c77 f0} ");
 }
-
-TEST(PeakXYScan, AnAbortEndsOnlyItsPartOfTheSweep) {
-    Grid g(kL, kN);
-    g.enable(kSX, kSY);
-    // Backward X part: line 2 aborts toward higher indices; lines 3 (before)
-    // and 4 (forward part) keep their entries, lines 1 and 0 are never walked.
-    g.alongEdge(3, 1, 3, 2);
-    g.alongEdge(2, 1, 3, 6);  // would raise the down maximum to 6
-    g.cross(2, 8, 2);
-    g.alongEdge(1, 1, 3, 2);
-    g.alongEdge(4, 1, 3, 3);
-    // Y sweep, backward part: row 3 aborts across the lines toward higher
-    // lines; rows 5 and 4 keep theirs, rows 2.. are lost, rows 6.. forward stay.
-    g.crossEdge(0, 5, 3, 2);
-    g.crossEdge(0, 4, 3, 2);
-    g.along(5, 3, 1);
-    g.crossEdge(0, 3, 3, 2);
-    g.crossEdge(0, 2, 3, 2);
-    g.crossEdge(0, 6, 3, 2);
-    g.crossEdge(0, 10, 3, 2);
-    Out o;
-    run(g, seedAt(kSX, kSY), 100.0, false, o);
-    EXPECT_EQ(show(o.lineDown), "3{3.1 t3 c2 f1} 4{4.1 t3 c3 f1} ");
-    EXPECT_EQ(o.lineDownMax, 3);
-    EXPECT_EQ(show(o.rowDown), "4{0.4 t3 c2 f1} 5{0.5 t3 c2 f1} 6{0.6 t3 c2 f1} 10{0.10 t3 c2 f1} ");
-}
-
-// ---------------------------------------------------------------------------
-// Walk across lines
-// ---------------------------------------------------------------------------
-
-TEST(PeakXYScan, AcrossLinesUsesCrossTypesXDistancesAndItsOwnMarkers) {
-    Grid g(kL, kN);
-    g.enable(kSX, kSY);
-    // Row 7 toward lower lines: the cross-line type counts (the along-line 3
-    // does not), 4 is unflagged, 8 ends the walk.
-    g.along(2, 7, 3);
-    g.contour(2, 7, 4);
-    g.crossEdge(1, 7, 4, 8);
-    g.crossEdge(0, 7, 3, 4);
-    // Row 7 toward higher lines: 5 and 6 do not end an across walk, 7 does.
-    g.crossEdge(5, 7, 4, 5);
-    g.crossEdge(6, 7, 3, 7);
-    // Row 2: beside the seed line ends the walk toward lower lines; toward
-    // higher lines a marked point becomes type 8 with marker 8.
-    g.crossEdge(2, 2, 3, 4);
-    g.crossEdge(0, 2, 3, 4);
-    g.mark(5, 2, 0x04);
-    // Row 9: type 2 toward lower lines is recorded unflagged and ends; toward
-    // higher lines type 1 is recorded unflagged.
-    g.crossEdge(1, 9, 2, 3);
-    g.crossEdge(0, 9, 3, 3);
-    g.crossEdge(6, 9, 1, 3);
-    Out o;
-    run(g, seedAt(kSX, kSY), 100.0, true, o);
-    EXPECT_EQ(show(o.rowDown), "7{1.7 t4 c8 f0} 9{1.9 t2 c3 f0} ");
-    EXPECT_EQ(show(o.rowUp), "2{5.2 t8 c8 f0} 7{5.7 t4 c5 f1 6.7 t3 c7 f0} 9{6.9 t1 c3 f0} ");
-    EXPECT_EQ(o.rowDownMax, 8);
-    EXPECT_EQ(o.rowUpMax, 8);
-    EXPECT_EQ(o.rowUp[1].contourPts[0].seedDist, 2.0 * kLineGap);
-    // The Y window tests y along the seed line: limit 4 keeps rows 1..9.
-    Grid h(kL, kN);
-    h.enable(kSX, kSY);
-    for (int row : {0, 1, 9, 10}) h.crossEdge(5, row, 3, 4);
-    Out w;
-    run(h, seedAt(kSX, kSY), 4.0, false, w);
-    EXPECT_EQ(show(w.rowUp), "1{5.1 t3 c4 f0} 9{5.9 t3 c4 f0} ");
-}
-
-// ---------------------------------------------------------------------------
-// Placement around existing entries
-// ---------------------------------------------------------------------------
-
-TEST(PeakXYScan, BackwardEntriesGoBeforeAndForwardEntriesAfterExistingOnes) {
-    Grid g(kL, kN);
-    g.enable(kSX, kSY);
-    for (int i = 0; i < kL; ++i) g.alongEdge(i, 1, 3, i + 1);
-    for (int k = 0; k < kN; k += 3) g.crossEdge(6, k, 4, 2);
-    Out o;
-    o.lineDown = {sentinel(90), sentinel(91)};
-    o.rowUp = {sentinel(92)};
-    run(g, seedAt(kSX, kSY), 100.0, false, o);
-    std::string want;
-    for (int i = 0; i <= kSX; ++i) want += std::to_string(i) + "{" + std::to_string(i) + ".1 t3 c" + std::to_string(i + 1) + " f1} ";
-    want += "90{0.0 t0 c77 f0} 91{0.0 t0 c77 f0} ";
-    for (int i = kSX + 1; i < kL; ++i)
-        want += std::to_string(i) + "{" + std::to_string(i) + ".1 t3 c" + std::to_string(i + 1) + " f1} ";
-    EXPECT_EQ(show(o.lineDown), want);
-    EXPECT_EQ(o.lineDownMax, kL) << "the maximum ignores what the vector held";
-    EXPECT_EQ(show(o.rowUp), "0{6.0 t4 c2 f1} 3{6.3 t4 c2 f1} 92{0.0 t0 c77 f0} 6{6.6 t4 c2 f1} 9{6.9 t4 c2 f1} ");
-}
-
-// ---------------------------------------------------------------------------
-// Identity against a plain version on random scans
-// ---------------------------------------------------------------------------
 
 namespace {
 
@@ -567,10 +372,7 @@ void expectSameRecords(const std::vector<SHX_lineConotours>& got, const std::vec
     for (size_t e = 0; e < got.size(); ++e) {
         for (size_t r = 0; r < got[e].contourPts.size(); ++r) {
             const auto &a = got[e].contourPts[r], &b = want[e].contourPts[r];
-            EXPECT_EQ(a.seedDist, b.seedDist);
-            EXPECT_EQ(a.x, b.x);
-            EXPECT_EQ(a.y, b.y);
-            EXPECT_EQ(a.z, b.z);
+            EXPECT_TRUE(a.seedDist == b.seedDist && a.x == b.x && a.y == b.y && a.z == b.z);
         }
     }
 }

@@ -93,68 +93,45 @@ Results runAll(const Line& in, SHX_outlierFilterParam p) {
 }  // namespace
 
 TEST(RemoveOutlier, HandWorkedRuns) {
-    // Runs: {0..4, the gap at 3 inside} 4 points, {4} 1 point (|20 - 5| >= 1), {5..8} 4 points.
-    const Line in = profileFromZ({5, 5.5, 5, 0, 5.2, 20, 5, 5, 5, 5});
-    Line out(3, pt(1, 1, 1, 1));  // replaced
-    Indices removed{99};          // appended to
-    hx_lineDataRemoveOutlier(in.data(), static_cast<int32_t>(in.size()), params(1.0, 2.0), out, removed);
-    EXPECT_EQ(heights(out), (std::vector<double>{5, 5.5, 5, 0, 5.2, 0, 5, 5, 5, 5}));
+    const Line steps = profileFromZ({5, 5.5, 5, 0, 5.2, 20, 5, 5, 5, 5});
+    const Line spread{pt(0, 0, 5, 10), pt(0, 2, 5, 11), pt(0, 20, 5, 12), pt(3, 20, 9, 13)};
+    const Indices any{-1};
+    const struct {
+        const char* what;
+        Line in;
+        double continuityTh, outlierTh;
+        Indices byHeight, bySpace;  // removed indices; `any`: not checked
+    } cases[] = {
+        {"runs {0..4, the gap at 3 inside} of 4, {5} of 1 (|20 - 5| >= 1), {6..9} of 4", steps, 1.0, 2.0, {5}, any},
+        {"the count is compared as a double: a run of 4 does not survive 4.5", steps, 1.0, 4.5,
+         {0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, any},
+        {"but survives 4", steps, 1.0, 4.0, {5}, any},
+        {"a removed run reports the gap it spans, not the leading and trailing gaps",
+         profileFromZ({0, 10, 0, 0.0001, 10, 50, 50, 50, 0}), 1.0, 3.0, {1, 2, 3, 4}, any},
+        {"a step equal to continuityTh splits: 1 | 2 | 3, 3.5", profileFromZ({1, 2, 3, 3.5}), 1.0, 2.0, {0, 1}, any},
+        {"continuityTh 0: every valid point is its own run (0.0001 is no point)", profileFromZ({7, 7, 0.0001, 7}), 0.0,
+         1.5, {0, 1, 3}, {0, 1, 3}},
+        {"runs of one survive outlierTh 1", profileFromZ({7, 7, 0.0001, 7}), 0.0, 1.0, {}, {}},
+        {"nearly equal heights 18 apart in y: only the distance variant cuts; the last step is 3-4-5, exactly 5",
+         spread, 5.0, 1.5, {}, {2, 3}},
+        {"a limit just above 5 keeps the last step", spread, std::nextafter(5.0, 6.0), 1.5, {}, {}},
+    };
+    for (const auto& c : cases) {
+        const Results r = runAll(c.in, params(c.continuityTh, c.outlierTh));
+        EXPECT_EQ(r.heightIdx, c.byHeight) << c.what;
+        if (c.bySpace != any) EXPECT_EQ(r.spatialIdx, c.bySpace) << c.what;
+        // Copies and the in-place form keep everything but the removed heights.
+        Line want = c.in;
+        for (int32_t k : c.byHeight) want[static_cast<size_t>(k)].z = 0.0;
+        EXPECT_TRUE(sameBits(r.heightCopy, want)) << c.what;
+        EXPECT_TRUE(sameBits(r.inPlace, want)) << c.what;
+    }
+    // The output vector is replaced, the index vector appended to.
+    Line out(3, pt(1, 1, 1, 1));
+    Indices removed{99};
+    hx_lineDataRemoveOutlier(steps.data(), static_cast<int32_t>(steps.size()), params(1.0, 2.0), out, removed);
+    EXPECT_EQ(out.size(), steps.size());
     EXPECT_EQ(removed, (Indices{99, 5}));
-    // The count is compared as a double: a run of 4 survives outlierTh 4 but not 4.5.
-    removed.clear();
-    hx_lineDataRemoveOutlier(in.data(), static_cast<int32_t>(in.size()), params(1.0, 4.5), out, removed);
-    EXPECT_EQ(removed, (Indices{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
-    removed.clear();
-    hx_lineDataRemoveOutlier(in.data(), static_cast<int32_t>(in.size()), params(1.0, 4.0), out, removed);
-    EXPECT_EQ(removed, (Indices{5}));
-}
-
-TEST(RemoveOutlier, RemovedRunReportsItsGapButNotOuterGaps) {
-    // The short run {1, 4} spans the gap 2..3; the leading and trailing
-    // missing points lie outside every run.
-    const Line in = profileFromZ({0, 10, 0, 0.0001, 10, 50, 50, 50, 0});
-    const Results r = runAll(in, params(1.0, 3.0));
-    EXPECT_EQ(r.heightIdx, (Indices{1, 2, 3, 4}));
-    EXPECT_EQ(heights(r.heightCopy), (std::vector<double>{0, 0, 0, 0, 0, 50, 50, 50, 0}));
-    EXPECT_TRUE(sameBits(r.inPlace, r.heightCopy));
-}
-
-TEST(RemoveOutlier, StepEqualToContinuityThSplits) {
-    const Line in = profileFromZ({1, 2, 3, 3.5});
-    const Results r = runAll(in, params(1.0, 2.0));
-    // 1 | 2 | 3, 3.5: the first two are runs of one point.
-    EXPECT_EQ(r.heightIdx, (Indices{0, 1}));
-
-    // continuityTh 0: every valid point is its own run (the 0.0001 point is not a point here).
-    const Line flat = profileFromZ({7, 7, 0.0001, 7});
-    const Results z = runAll(flat, params(0.0, 1.5));
-    EXPECT_EQ(z.heightIdx, (Indices{0, 1, 3}));
-    EXPECT_EQ(z.spatialIdx, (Indices{0, 1, 3}));
-    EXPECT_EQ(heights(z.inPlace), (std::vector<double>{0, 0, 0.0001, 0}));
-    const Results keep = runAll(flat, params(0.0, 1.0));
-    EXPECT_TRUE(keep.heightIdx.empty());
-}
-
-TEST(RemoveOutlier, SpatialVariantMeasuresDistanceInSpace) {
-    // Nearly equal heights, but the third point lies 18 away in y: only the
-    // distance variant cuts there. The last step is 3-4-5: exactly 5.
-    const Line in{pt(0, 0, 5, 10), pt(0, 2, 5, 11), pt(0, 20, 5, 12), pt(3, 20, 9, 13)};
-    const Results r = runAll(in, params(5.0, 1.5));
-    EXPECT_TRUE(r.heightIdx.empty());
-    EXPECT_EQ(r.spatialIdx, (Indices{2, 3}));
-    EXPECT_EQ(heights(r.spatialCopy), (std::vector<double>{5, 5, 0, 0}));
-    const Results r2 = runAll(in, params(std::nextafter(5.0, 6.0), 1.5));
-    EXPECT_TRUE(r2.spatialIdx.empty());
-}
-
-TEST(RemoveOutlier, CopiesKeepEverythingButRemovedHeights) {
-    Line in{pt(1, 2, 3, 0x7FFFFFFF12345678LL), pt(4, 5, 0.0, -1), pt(7, 8, 3.2, 5)};
-    const Line before = in;
-    const Results r = runAll(in, params(1.0, 0.5));  // nothing is short
-    EXPECT_TRUE(sameBits(in, before));
-    EXPECT_TRUE(sameBits(r.heightCopy, before));
-    EXPECT_TRUE(sameBits(r.spatialCopy, before));
-    EXPECT_TRUE(sameBits(r.inPlace, before));
 }
 
 TEST(RemoveOutlier, EmptyAndNegativeCounts) {

@@ -87,55 +87,37 @@ using Ids = std::vector<std::vector<int64_t>>;
 
 }  // namespace
 
-TEST(PointClustering, SeedsAndReachOrder) {
-    // Threshold 1.5 on a line: 0 reaches 3, 3 reaches 2; 1 and 4 form the second cluster.
-    std::vector<SKesp3DPosition> v{pt(0, 0, 1, 0), pt(5, 0, 1, 1), pt(2, 0, 1, 2), pt(1, 0, 1, 3), pt(5.5, 0, 1, 4)};
-    Clusters out;
-    hx_pointClustering(v, 1.5, out);
-    EXPECT_TRUE(v.empty());
-    EXPECT_EQ(indicesOf(out), (Ids{{0, 3, 2}, {1, 4}}));
-
-    // Points are appended in the order reached, not in input order: 0 takes
-    // 2 first, and only 2 reaches 1.
-    std::vector<SKesp3DPosition> w{pt(0, 0, 1, 0), pt(2, 0, 1, 1), pt(1, 0, 1, 2)};
-    Clusters out2;
-    hx_pointClustering(w, 1.5, out2);
-    EXPECT_EQ(indicesOf(out2), (Ids{{0, 2, 1}}));
-
-    // One cluster point takes all its untaken neighbours in input order,
-    // before the next cluster point is looked at.
-    std::vector<SKesp3DPosition> u{pt(0, 0, 1, 0), pt(0, 1, 1, 1), pt(0, 2, 1, 2), pt(1, 0, 1, 3), pt(-1, 0, 1, 4)};
-    Clusters out3;
-    hx_pointClustering(u, 1.2, out3);
-    EXPECT_EQ(indicesOf(out3), (Ids{{0, 1, 3, 4, 2}}));
-}
-
-TEST(PointClustering, DistanceIsStrictAndPlanar) {
-    // 3-4-5: exactly the threshold apart is not joined.
-    std::vector<SKesp3DPosition> v{pt(0, 0, 1, 0), pt(3, 4, 1, 1)};
-    Clusters out;
-    hx_pointClustering(v, 5.0, out);
-    EXPECT_EQ(indicesOf(out), (Ids{{0}, {1}}));
-    v = {pt(0, 0, 1, 0), pt(3, 4, 1, 1)};
-    out.clear();
-    hx_pointClustering(v, std::nextafter(5.0, 6.0), out);
-    EXPECT_EQ(indicesOf(out), (Ids{{0, 1}}));
-
-    // z plays no part, and points without a measurement are clustered too.
-    v = {pt(0, 0, 0.0, 0), pt(0.1, 0, 500.0, 1), pt(0.2, 0, -3.0, 2)};
-    out.clear();
-    hx_pointClustering(v, 0.15, out);
-    EXPECT_EQ(indicesOf(out), (Ids{{0, 1, 2}}));
-}
-
-TEST(PointClustering, ThresholdsThatJoinNothing) {
-    for (double th : {0.0, -1.0, -kInf, kNaN}) {
-        // Duplicates included: a distance of 0 is not below 0.
-        std::vector<SKesp3DPosition> v{pt(1, 1, 1, 0), pt(1, 1, 1, 1), pt(1.5, 1, 1, 2), pt(1, 1, 1, -1)};
+TEST(PointClustering, HandWorkedClusters) {
+    using Pts = std::vector<SKesp3DPosition>;
+    const Pts dup{pt(1, 1, 1, 0), pt(1, 1, 1, 1), pt(1.5, 1, 1, 2), pt(1, 1, 1, -1)};
+    const struct {
+        const char* what;
+        Pts in;
+        double th;
+        Ids want;  // nPointIdx of each cluster, in order
+    } cases[] = {
+        {"0 reaches 3, 3 reaches 2; 1 and 4 form the second cluster",
+         {pt(0, 0, 1, 0), pt(5, 0, 1, 1), pt(2, 0, 1, 2), pt(1, 0, 1, 3), pt(5.5, 0, 1, 4)}, 1.5, {{0, 3, 2}, {1, 4}}},
+        {"points join in the order reached: 0 takes 2 first, only 2 reaches 1",
+         {pt(0, 0, 1, 0), pt(2, 0, 1, 1), pt(1, 0, 1, 2)}, 1.5, {{0, 2, 1}}},
+        {"a cluster point takes all its untaken neighbours in input order before the next is looked at",
+         {pt(0, 0, 1, 0), pt(0, 1, 1, 1), pt(0, 2, 1, 2), pt(1, 0, 1, 3), pt(-1, 0, 1, 4)}, 1.2, {{0, 1, 3, 4, 2}}},
+        {"3-4-5: exactly the threshold apart is not joined", {pt(0, 0, 1, 0), pt(3, 4, 1, 1)}, 5.0, {{0}, {1}}},
+        {"just above it is", {pt(0, 0, 1, 0), pt(3, 4, 1, 1)}, std::nextafter(5.0, 6.0), {{0, 1}}},
+        {"z plays no part; points without a measurement are clustered too",
+         {pt(0, 0, 0.0, 0), pt(0.1, 0, 500.0, 1), pt(0.2, 0, -3.0, 2)}, 0.15, {{0, 1, 2}}},
+        {"threshold 0: duplicates are not joined (0 is not below 0); the marked point is dropped", dup, 0.0,
+         {{0}, {1}, {2}}},
+        {"negative threshold", dup, -1.0, {{0}, {1}, {2}}},
+        {"-inf", dup, -kInf, {{0}, {1}, {2}}},
+        {"NaN", dup, kNaN, {{0}, {1}, {2}}},
+    };
+    for (const auto& c : cases) {
+        Pts in = c.in;
         Clusters out;
-        hx_pointClustering(v, th, out);
-        EXPECT_TRUE(v.empty());
-        EXPECT_EQ(indicesOf(out), (Ids{{0}, {1}, {2}})) << "threshold " << th;
+        hx_pointClustering(in, c.th, out);
+        EXPECT_TRUE(in.empty()) << c.what;
+        EXPECT_EQ(indicesOf(out), c.want) << c.what;
     }
 }
 

@@ -109,36 +109,57 @@ Line randomLine(testutil::Rng& rng, int n, double offset, double spread) {
 
 }  // namespace
 
-TEST(LineDataSmoothing, HandWorkedWindow) {
-    // half = 1; the invalid point (0) and the point at exactly 0.0001 neither
-    // change nor enter a mean.
-    Line in = profileFromZ({1, 2, 0, 4, 0.0001, 6});
-    in[3].nPointIdx = 0x123456789LL;
-    Line out(9, pt(9, 9, 9, 9));  // replaced, not appended to
-    hx_lineDataSmoothing(in, 3, out);
-    EXPECT_EQ(heights(out), (std::vector<double>{1.5, 1.5, 0, 4, 0.0001, 6}));
-    EXPECT_EQ(out[3].nPointIdx, 0x123456789LL);
-    EXPECT_EQ(out[5].y, 5.0);
-
-    // The span is clipped at the ends, not shifted; an even window 4 has half 2.
+TEST(Smoothing, HandWorkedWindows) {
     const Line ramp = profileFromZ({1, 2, 3, 4, 5, 6});
-    for (int win : {5, 4}) {
-        hx_lineDataSmoothing(ramp, win, out);
-        EXPECT_EQ(heights(out), (std::vector<double>{2, 2.5, 3, 4, 4.5, 5})) << win;
+    const Line odd = profileFromZ({3, 0, 7, 1e6, 0.00005});
+    Line ySteps = profileFromZ({1, 2, 3, 4});
+    ySteps[2].y = 5.0;  // a step of 4 from y = 1
+    ySteps[3].y = 6.0;  // a step of 1
+    const double whole = -1.0;  // maxStepY of a whole-line smoothing row
+    const struct {
+        const char* what;
+        Line in;
+        int window;
+        double maxStepY, maxStepZ;
+        std::vector<double> want;
+    } cases[] = {
+        {"half 1; the invalid point and the point at exactly 0.0001 neither change nor enter a mean",
+         profileFromZ({1, 2, 0, 4, 0.0001, 6}), 3, whole, 0, {1.5, 1.5, 0, 4, 0.0001, 6}},
+        {"the span is clipped at the ends, not shifted", ramp, 5, whole, 0, {2, 2.5, 3, 4, 4.5, 5}},
+        {"an even window 4 has half 2", ramp, 4, whole, 0, {2, 2.5, 3, 4, 4.5, 5}},
+        {"a window longer than the line averages all valid points", ramp, std::numeric_limits<int32_t>::max(), whole,
+         0, {3.5, 3.5, 3.5, 3.5, 3.5, 3.5}},
+        {"window 1 changes nothing", odd, 1, whole, 0, {3, 0, 7, 1e6, 0.00005}},
+        {"nor window 0", odd, 0, whole, 0, {3, 0, 7, 1e6, 0.00005}},
+        {"nor window -1", odd, -1, whole, 0, {3, 0, 7, 1e6, 0.00005}},
+        {"segments: a z step above maxStepZ splits the line", profileFromZ({1, 2, 3, 10, 11, 12}), 3, 100.0, 5.0,
+         {1.5, 2, 2.5, 10.5, 11, 11.5}},
+        {"a y step above maxStepY splits too, a step equal to it does not", ySteps, 3, 1.0, 100.0,
+         {1.5, 1.5, 3.5, 3.5}},
+        {"a gap compares as height 0: |6 - 0| > 3 cuts into {2, 4, 0} and {6, 8}", profileFromZ({2, 4, 0, 6, 8}), 5,
+         100.0, 3.0, {3, 3, 0, 7, 7}},
+        {"with a larger z step the gap does not cut", profileFromZ({2, 4, 0, 6, 8}), 5, 100.0, 10.0, {3, 4, 0, 6, 7}},
+        {"leading missing points head the first segment; the first valid point is not compared with them",
+         profileFromZ({0, 0, 3, 3.5}), 5, 100.0, 1.0, {0, 0, 3.25, 3.25}},
+    };
+    for (const auto& c : cases) {
+        Line out{pt(9, 9, 9, 9)};  // replaced by the whole-line form, appended to by the segment form
+        if (c.maxStepY == whole) hx_lineDataSmoothing(c.in, c.window, out);
+        else hx_lineSegSmoothing(c.in, c.maxStepY, c.maxStepZ, c.window, out);
+        if (c.maxStepY != whole) {
+            ASSERT_EQ(out.front().z, 9.0) << c.what;
+            out.erase(out.begin());
+        }
+        EXPECT_EQ(heights(out), c.want) << c.what;
+        for (size_t i = 0; i < out.size() && i < c.in.size(); ++i)
+            EXPECT_TRUE(out[i].nPointIdx == c.in[i].nPointIdx && out[i].x == c.in[i].x && out[i].y == c.in[i].y);
     }
-    // A window longer than the line averages all valid points everywhere.
-    hx_lineDataSmoothing(ramp, std::numeric_limits<int32_t>::max(), out);
-    EXPECT_EQ(heights(out), std::vector<double>(6, 3.5));
 }
 
-TEST(LineDataSmoothing, SmallAndNegativeWindows) {
+TEST(LineDataSmoothing, NegativeWindowsBelowMinusOne) {
+    // Outside the contract: an empty span gives 0 / 0 at valid points.
     const Line in = profileFromZ({3, 0, 7, 1e6, 0.00005});
     Line out;
-    for (int win : {-1, 0, 1}) {
-        hx_lineDataSmoothing(in, win, out);
-        EXPECT_EQ(heights(out), heights(in)) << win;
-    }
-    // Outside the contract: an empty span gives 0 / 0 at valid points.
     for (int win : {-2, -3, std::numeric_limits<int32_t>::min()}) {
         hx_lineDataSmoothing(in, win, out);
         EXPECT_TRUE(std::isnan(out[0].z) && std::isnan(out[2].z) && std::isnan(out[3].z)) << win;
@@ -198,43 +219,6 @@ TEST(LineDataSmoothing, OverflowingHeightsGiveThePlainResult) {
     EXPECT_EQ(out[5].z, 4.0);  // (3 + 4 + 5) / 3: nothing of the huge heights is left
     EXPECT_EQ(out[10].z, std::numeric_limits<double>::infinity());
     EXPECT_EQ(out[11].z, 9.5);
-}
-
-TEST(LineSegSmoothing, StepsSplitTheLine) {
-    // A z step above maxStepZ: the halves are smoothed apart; the output is
-    // appended after what it held.
-    const Line in = profileFromZ({1, 2, 3, 10, 11, 12});
-    Line out{pt(7, 7, 7, 7)};
-    hx_lineSegSmoothing(in, 100.0, 5.0, 3, out);
-    EXPECT_EQ(heights(out), (std::vector<double>{7, 1.5, 2, 2.5, 10.5, 11, 11.5}));
-
-    // A y step (strictly above maxStepY) splits too; a step equal to it does not.
-    Line y = profileFromZ({1, 2, 3, 4});
-    y[2].y = 5.0;  // step of 4 from y = 1
-    y[3].y = 6.0;  // step of 1
-    out.clear();
-    hx_lineSegSmoothing(y, 1.0, 100.0, 3, out);
-    EXPECT_EQ(heights(out), (std::vector<double>{1.5, 1.5, 3.5, 3.5}));
-}
-
-TEST(LineSegSmoothing, GapsAreComparedAsZeroHeights) {
-    // Point 3 follows a missing point: |6 - 0| > 3 starts a new segment, so
-    // the segments are {2, 4, 0} and {6, 8}.
-    const Line in = profileFromZ({2, 4, 0, 6, 8});
-    Line out;
-    hx_lineSegSmoothing(in, 100.0, 3.0, 5, out);
-    EXPECT_EQ(heights(out), (std::vector<double>{3, 3, 0, 7, 7}));
-    // With a larger z step the gap does not cut and the line is one segment.
-    out.clear();
-    hx_lineSegSmoothing(in, 100.0, 10.0, 5, out);
-    EXPECT_EQ(heights(out), (std::vector<double>{3, 4, 0, 6, 7}));
-
-    // Leading missing points stay at the head of the first segment; the first
-    // valid point is never compared with them.
-    const Line lead = profileFromZ({0, 0, 3, 3.5});
-    out.clear();
-    hx_lineSegSmoothing(lead, 100.0, 1.0, 5, out);
-    EXPECT_EQ(heights(out), (std::vector<double>{0, 0, 3.25, 3.25}));
 }
 
 TEST(LineSegSmoothing, EmptyInputAndInPlace) {

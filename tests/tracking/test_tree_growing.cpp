@@ -3,6 +3,7 @@
 #include <cmath>
 #include <limits>
 #include <set>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -134,26 +135,22 @@ void plainPeakGrowing(const std::vector<Features>& lines, Trees& trees, const SH
     for (auto& t : trees) plainRegion(t);
 }
 
+// Every field of every tree and node.
+auto fieldsOf(const SHX_featureTree& t) {
+    return std::make_tuple(t.treeState, t.treeType, t.sLineIdx, t.eLineIdx, t.treeValue, t.xRange.min, t.xRange.max,
+                           t.yRange.min, t.yRange.max, t.treeNodes.size());
+}
+auto fieldsOf(const SHX_basicFeature1D& n) {
+    return std::make_tuple(n.lineIdx, n.featureType, n.featureValue, n.featurePos.nPointIdx, n.featurePos.x,
+                           n.featurePos.y, n.featurePos.z);
+}
+
 void expectSameTrees(const Trees& got, const Trees& want) {
     ASSERT_EQ(got.size(), want.size());
     for (size_t i = 0; i < got.size(); ++i) {
-        const auto &g = got[i], &w = want[i];
-        EXPECT_EQ(g.treeState, w.treeState) << "tree " << i;
-        EXPECT_EQ(g.treeType, w.treeType) << "tree " << i;
-        EXPECT_EQ(g.sLineIdx, w.sLineIdx) << "tree " << i;
-        EXPECT_EQ(g.eLineIdx, w.eLineIdx) << "tree " << i;
-        EXPECT_EQ(g.treeValue, w.treeValue) << "tree " << i;
-        EXPECT_EQ(g.xRange.min, w.xRange.min) << "tree " << i;
-        EXPECT_EQ(g.xRange.max, w.xRange.max) << "tree " << i;
-        EXPECT_EQ(g.yRange.min, w.yRange.min) << "tree " << i;
-        EXPECT_EQ(g.yRange.max, w.yRange.max) << "tree " << i;
-        ASSERT_EQ(g.treeNodes.size(), w.treeNodes.size()) << "tree " << i;
-        for (size_t k = 0; k < g.treeNodes.size(); ++k) {
-            EXPECT_EQ(g.treeNodes[k].lineIdx, w.treeNodes[k].lineIdx);
-            EXPECT_EQ(g.treeNodes[k].featureType, w.treeNodes[k].featureType);
-            EXPECT_EQ(g.treeNodes[k].featurePos.nPointIdx, w.treeNodes[k].featurePos.nPointIdx);
-            EXPECT_EQ(g.treeNodes[k].featurePos.y, w.treeNodes[k].featurePos.y);
-        }
+        ASSERT_EQ(fieldsOf(got[i]), fieldsOf(want[i])) << "tree " << i;
+        for (size_t k = 0; k < got[i].treeNodes.size(); ++k)
+            EXPECT_EQ(fieldsOf(got[i].treeNodes[k]), fieldsOf(want[i].treeNodes[k])) << "tree " << i << " node " << k;
     }
 }
 
@@ -206,30 +203,6 @@ RandomCase randomCase(testutil::Rng& rng) {
 
 }  // namespace
 
-TEST(TreeGrowing, FeatureJoinsFirstAcceptingTreeNotNearest) {
-    // Two trees on line 0 at y 0 and y 1; a feature at y 0.9 fits both.
-    Trees trees;
-    hx_peakFeatureGrowing({{feat(14, 0, 0, 0.0, 1), feat(14, 0, 0, 1.0, 1)}, {feat(14, 1, 0, 0.9, 1)}}, trees,
-                          params(2.0, 1.0, 3, 1.0, -1.0, -1.0));
-    EXPECT_EQ(nodeCounts(trees), (Counts{2, 1}));
-    EXPECT_EQ(trees[0].treeNodes[1].featurePos.y, 0.9);
-    EXPECT_EQ(trees[0].eLineIdx, 1);
-    EXPECT_EQ(trees[1].eLineIdx, 0);
-}
-
-TEST(TreeGrowing, OneNodePerLineAndSeedOrder) {
-    // The first feature of line 1 joins the tree; the second skips it (same
-    // line) and seeds a new tree after it.
-    Trees trees;
-    hx_getFeatureGrowingTrees(scanOf({{feat(13, 0, 0, 0.0, 1)}, {feat(13, 1, 0, 0.1, 1), feat(13, 1, 0, 0.2, 1)}}),
-                              trees, kLoose);
-    ASSERT_EQ(nodeCounts(trees), (Counts{2, 1}));
-    EXPECT_EQ(trees[0].treeNodes[1].featurePos.y, 0.1);
-    EXPECT_EQ(trees[1].sLineIdx, 1);
-    EXPECT_EQ(trees[1].treeNodes[0].featurePos.y, 0.2);
-    for (const auto& t : trees) EXPECT_EQ(t.treeState, 2);
-}
-
 TEST(TreeGrowing, TypeCompatibilityTable) {
     // Row: tree type, then the feature types it takes among -1..17.
     const std::vector<std::pair<int, std::set<int>>> table = {
@@ -247,52 +220,6 @@ TEST(TreeGrowing, TypeCompatibilityTable) {
             ASSERT_FALSE(trees.empty());
             EXPECT_EQ(trees[0].treeNodes.size(), want) << "tree type " << row.first << ", feature type " << f;
         }
-    }
-}
-
-TEST(TreeGrowing, XTestOnlyAtOrBeyondSkipLimitAndClosing) {
-    // maxLineSkipNum 3; a tree whose last node is on line 10.
-    const SHX_treeGrowParam p = params(1.0, 1.0, 3, 0.5, -1.0, -1.0);
-    for (int line = 11; line <= 14; ++line) {
-        Trees trees;
-        hx_lineFeaturesGrowing(10, false, {feat(1, 10, 0.0, 0, 1)}, trees, p);
-        // A feature 2.0 away in x: lines 11 and 12 need no x test, 13 and 14 fail it.
-        hx_lineFeaturesGrowing(line, false, {feat(1, line, 2.0, 0, 1)}, trees, p);
-        EXPECT_EQ(trees[0].treeNodes.size(), line <= 12 ? 2u : 1u) << "line " << line;
-        // Within 0.5 in x it always joins.
-        trees.clear();
-        hx_lineFeaturesGrowing(10, false, {feat(1, 10, 0.0, 0, 1)}, trees, p);
-        hx_lineFeaturesGrowing(line, false, {feat(1, line, 0.4, 0, 1)}, trees, p);
-        EXPECT_EQ(trees[0].treeNodes.size(), 2u) << "line " << line;
-    }
-    // Closing: still open after line 13, closed after line 14.
-    Trees trees;
-    hx_lineFeaturesGrowing(10, false, {feat(1, 10, 0.0, 0, 1)}, trees, p);
-    hx_lineFeaturesGrowing(13, false, {}, trees, p);
-    EXPECT_EQ(trees[0].treeState, 1);
-    hx_lineFeaturesGrowing(14, false, {}, trees, p);
-    EXPECT_EQ(trees[0].treeState, 2);
-    // Closed trees never take another node.
-    hx_lineFeaturesGrowing(15, false, {feat(1, 15, 0.0, 0, 1)}, trees, p);
-    EXPECT_EQ(nodeCounts(trees), (Counts{1, 1}));
-}
-
-TEST(TreeGrowing, NonPositiveSkipLimitClosesOnlyAtEndAndAlwaysTestsX) {
-    for (int skip : {0, -2}) {
-        const SHX_treeGrowParam p = params(1.0, 1.0, skip, 0.5, -1.0, -1.0);
-        Trees trees;
-        std::vector<Features> lines(60);
-        lines[0] = {feat(2, 0, 0.0, 0, 1)};
-        lines[1] = {feat(2, 1, 0.6, 0, 1)};   // next line but 0.6 away in x: fails
-        lines[50] = {feat(2, 50, 0.3, 0, 1)};  // 50 lines later, near in x: joins
-        Trees growing;
-        for (int i = 0; i < 59; ++i) hx_lineFeaturesGrowing(i, false, lines[static_cast<size_t>(i)], growing, p);
-        ASSERT_EQ(nodeCounts(growing), (Counts{2, 1}));
-        EXPECT_EQ(growing[0].treeState, 1);
-        EXPECT_EQ(growing[1].treeState, 1);
-        hx_peakFeatureGrowing(lines, trees, p);
-        ASSERT_EQ(nodeCounts(trees), (Counts{2, 1}));
-        EXPECT_EQ(trees[0].treeState, 2);
     }
 }
 
@@ -335,58 +262,7 @@ TEST(TreeGrowing, VTreeKeepTestByLengthAndDrift) {
     EXPECT_EQ(grow(-0.25, 3.99), 0u);  // a drift downwards counts by its size
 }
 
-TEST(TreeGrowing, DroppedTreesLeaveOthersInOrder) {
-    // Trees at y 0, 10, 20, 30; those at 10 and 30 stop after line 1 and are
-    // too short; closing erases them and keeps the order of the rest.
-    std::vector<Features> lines(8);
-    for (int i = 0; i < 8; ++i) {
-        for (double y : {0.0, 10.0, 20.0, 30.0}) {
-            if ((y == 10.0 || y == 30.0) && i > 1) continue;
-            lines[static_cast<size_t>(i)].push_back(feat(13, i, i, y, 1));
-        }
-    }
-    Trees trees;
-    hx_peakFeatureGrowing(lines, trees, params(1, 1, 2, 2, 3.0, 0));
-    ASSERT_EQ(trees.size(), 2u);
-    EXPECT_EQ(trees[0].treeNodes[0].featurePos.y, 0.0);
-    EXPECT_EQ(trees[1].treeNodes[0].featurePos.y, 20.0);
-    EXPECT_EQ(trees[1].xRange.min, 0.0);
-    EXPECT_EQ(trees[1].xRange.max, 7.0);
-    EXPECT_EQ(trees[1].yRange.min, 20.0);
-}
-
-TEST(TreeGrowing, EarlierTreesTakePartByState) {
-    const SHX_treeGrowParam p = params(1, 1, 2, 1, 0.1, 0);
-    Trees trees(3);
-    // A growing tree, a closed one and one in a caller-set state, all ending on line 4 at y 0.
-    const int states[] = {2, 3, 1};
-    for (int k = 0; k < 3; ++k) {
-        trees[k].treeState = states[k];
-        trees[k].treeType = 14;
-        trees[k].sLineIdx = trees[k].eLineIdx = 4;
-        trees[k].treeNodes = {feat(14, 4, 0, 0, 1)};
-    }
-    // Line 5 offers two features: the closed tree is skipped, the state-3
-    // tree takes the first, the growing tree the second.
-    std::vector<SHX_lineFeature> records(1);
-    records[0].lineIdx = 5;
-    records[0].features = {feat(14, 5, 0, 0.1, 1), feat(14, 5, 0, 0.2, 1)};
-    hx_getFeatureGrowingTrees(records, trees, p);
-    // The last record closes the growing tree (length 0.2 kept); state 3 stays.
-    ASSERT_EQ(nodeCounts(trees), (Counts{1, 2, 2}));
-    EXPECT_EQ(trees[1].treeState, 3);
-    EXPECT_EQ(trees[2].treeState, 2);
-    EXPECT_EQ(trees[2].eLineIdx, 5);
-    // A growing tree from an earlier call that fails the keep test is erased.
-    Trees single(1);
-    single[0].treeState = 1;
-    single[0].treeType = 1;
-    single[0].treeNodes = {feat(1, 0, 0, 0, 1)};
-    hx_getFeatureGrowingTrees(scanOf({{}}), single, p);
-    EXPECT_TRUE(single.empty());
-}
-
-TEST(TreeGrowing, EmptyInputAndTreeValue) {
+TEST(TreeGrowing, EmptyInputLeavesTreesAlone) {
     Trees trees(1);
     trees[0].treeState = 1;
     trees[0].treeNodes = {feat(1, 0, 0, 0, 1)};
@@ -398,19 +274,6 @@ TEST(TreeGrowing, EmptyInputAndTreeValue) {
     ASSERT_EQ(trees.size(), 1u);
     EXPECT_EQ(trees[0].treeState, 1);
     EXPECT_EQ(trees[0].xRange.max, 6.0);
-
-    // Line-by-line growing counts the seed's value; the scan routines do not.
-    Trees byLine, byScan;
-    const Features l0{feat(14, 0, 0, 0, 1, 2.5)}, l1{feat(14, 1, 0, 0, 1, 1.25)};
-    hx_lineFeaturesGrowing(0, false, l0, byLine, kLoose);
-    hx_lineFeaturesGrowing(1, false, l1, byLine, kLoose);
-    EXPECT_EQ(byLine[0].treeValue, 3.75);
-    hx_peakFeatureGrowing({l0, l1}, byScan, kLoose);
-    EXPECT_EQ(byScan[0].treeValue, 1.25);
-
-    // Empty features with the last-line flag close every growing tree.
-    hx_lineFeaturesGrowing(2, true, {}, byLine, params(1, 1, 3, 1, 10.0, 10.0));
-    EXPECT_TRUE(byLine.empty());
 }
 
 TEST(TreeGrowing, PeakGrowingUsesPositionForSeedAndRegionForAllTrees) {
@@ -435,40 +298,6 @@ TEST(TreeGrowing, PeakGrowingUsesPositionForSeedAndRegionForAllTrees) {
     EXPECT_EQ(trees[3].eLineIdx, 1);
     EXPECT_EQ(trees[3].xRange.min, 0.5);
     EXPECT_EQ(trees[3].yRange.max, 0.5);
-}
-
-TEST(TreeGrowing, EndingPositionsBecomeFeatures) {
-    // Three lines of four points; point j of line i at x = 10 i, y = j, z = 1 + 0.01 j.
-    std::vector<std::vector<SKesp3DPosition>> scan(3);
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 4; ++j) scan[i].push_back(testutil::pt(10.0 * i, j, 1 + 0.01 * j, 99));
-    auto lines = testutil::linesOf(scan);
-    std::vector<SHX_2DValueI> ends = {{0, 2, 0, 0.0, 0}, {1, 2, 0, 0.0, 0}, {2, 3, 0, 0.0, 0}};
-    Trees trees;
-    hx_getEndingGrowingTrees(ends, lines.data(), true, 6, trees, params(1.5, 1, 3, 100, -1, -1));
-    ASSERT_EQ(nodeCounts(trees), Counts{3});
-    const SHX_basicFeature1D& n = trees[0].treeNodes[2];
-    EXPECT_EQ(n.featureType, 6);
-    EXPECT_EQ(n.lineIdx, 2);
-    EXPECT_EQ(n.featurePos.nPointIdx, 3);
-    EXPECT_EQ(n.featurePos.x, 20.0);
-    EXPECT_EQ(n.featurePos.y, 3.0);
-    EXPECT_EQ(n.featurePos.z, scan[2][3].z);
-    EXPECT_EQ(n.featureValue, 0.0);
-    EXPECT_EQ(trees[0].treeValue, 0.0);
-    EXPECT_EQ(trees[0].treeState, 2);
-
-    // Read across the lines: position (x 1, y 2) is point 1 of line 2, with x and y swapped.
-    trees.clear();
-    ends = {{1, 2, 0, 0.0, 0}, {2, 2, 0, 0.0, 0}};
-    hx_getEndingGrowingTrees(ends, lines.data(), false, 7, trees, params(100, 1, 3, 100, -1, -1));
-    ASSERT_EQ(nodeCounts(trees), Counts{2});
-    const SHX_basicFeature1D& a = trees[0].treeNodes[0];
-    EXPECT_EQ(a.lineIdx, 1);
-    EXPECT_EQ(a.featurePos.nPointIdx, 2);
-    EXPECT_EQ(a.featurePos.x, 1.0);   // the point's y
-    EXPECT_EQ(a.featurePos.y, 20.0);  // the point's x
-    EXPECT_EQ(a.featurePos.z, scan[2][1].z);
 }
 
 TEST(TreeGrowing, NaNCoordinatesNeverJoin) {
