@@ -543,21 +543,18 @@ void addBlock(const BandBlock& b, const BandTest& band, LowestLevelledHeight& lo
 PA_PASS double lowestBandHeight(const std::vector<BandBlock>& blocks, const BandTest& band, const double* rotation,
                                 const PlaneSlope& slope) {
     if (blocks.empty()) return 0.0;
+    std::vector<float> bounds(blocks.size());
     size_t first = 0;
-    float firstBound = lowerBound(blocks[0], rotation, slope);
-    for (size_t k = 1; k < blocks.size(); ++k) {
-        const float bound = lowerBound(blocks[k], rotation, slope);
-        if (bound < firstBound) {
-            first = k;
-            firstBound = bound;
-        }
+    for (size_t k = 0; k < blocks.size(); ++k) {
+        bounds[k] = lowerBound(blocks[k], rotation, slope);
+        if (bounds[k] < bounds[first]) first = k;
     }
     LowestLevelledHeight probe(rotation);
     addBlock(blocks[first], band, probe);
     LowestLevelledHeight lowest(rotation);
-    for (const BandBlock& b : blocks) {
-        if (lowerBound(b, rotation, slope) > std::min(probe.lowest(), lowest.lowest())) continue;
-        addBlock(b, band, lowest);
+    for (size_t k = 0; k < blocks.size(); ++k) {
+        if (bounds[k] > std::min(probe.lowest(), lowest.lowest())) continue;
+        addBlock(blocks[k], band, lowest);
     }
     return lowest.lowest();
 }
