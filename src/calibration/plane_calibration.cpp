@@ -52,6 +52,10 @@ constexpr double kBoundSlack = 64 * DBL_EPSILON;
 /// Bound on the rounding error of a single-precision z - a x - b y, relative
 /// to |z| + |a x| + |b y| (three roundings of 2^-24 each, with room to spare).
 constexpr double kResidualSlack = 4 * FLT_EPSILON;
+/// Above this |z| + |a x| + |b y| the single-precision residual could overflow
+/// (and a NaN residual would drop out of its block's range unnoticed), so the
+/// residual bound is not used.
+constexpr double kMaxResidualMagnitude = 1e30;
 /// The provisional plane slope is fitted to every this many lines of the scan.
 constexpr size_t kSlopeSampleStride = 32;
 
@@ -510,16 +514,15 @@ float lowerBound(const BandBlock& b, const double* rotation, const PlaneSlope& s
     const double z = r8 >= 0.0 ? b.lo.z : b.hi.z;
     const double magnitude = std::fabs(r6 * x) + std::fabs(r7 * y) + std::fabs(r8 * z);
     const double cornerBound = levelledHeight(rotation, x, y, z) - kBoundSlack * magnitude;
-    const bool finiteBox = std::isfinite(b.lo.x) && std::isfinite(b.hi.x) && std::isfinite(b.lo.y) &&
-                           std::isfinite(b.hi.y) && std::isfinite(b.lo.z) && std::isfinite(b.hi.z);
-    if (!finiteBox) return static_cast<float>(cornerBound);
     const double mx = magnitudeOf(b.lo.x, b.hi.x), my = magnitudeOf(b.lo.y, b.hi.y), mz = magnitudeOf(b.lo.z, b.hi.z);
+    const double residualMagnitude = mz + std::fabs(double(slope.a)) * mx + std::fabs(double(slope.b)) * my;
+    // Also false for an infinite coordinate (and NaN from one).
+    if (!(residualMagnitude < kMaxResidualMagnitude)) return static_cast<float>(cornerBound);
     const double cx = r6 + r8 * slope.a, cy = r7 + r8 * slope.b;
     const double xr = cx >= 0.0 ? b.lo.x : b.hi.x;
     const double yr = cy >= 0.0 ? b.lo.y : b.hi.y;
     const double r = r8 >= 0.0 ? b.residualLo : b.residualHi;
-    const double residualError =
-        kResidualSlack * (mz + std::fabs(double(slope.a)) * mx + std::fabs(double(slope.b)) * my) + FLT_MIN;
+    const double residualError = kResidualSlack * residualMagnitude + FLT_MIN;
     const double sizes = std::fabs(r6) * mx + std::fabs(r7) * my + std::fabs(r8) * mz + std::fabs(r8 * r) +
                          (std::fabs(r6) + std::fabs(r8 * slope.a)) * mx + (std::fabs(r7) + std::fabs(r8 * slope.b)) * my;
     const double residualBound =
