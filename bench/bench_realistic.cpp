@@ -115,7 +115,7 @@ void BM_Noisy_hx_getLineCornerFeature(benchmark::State& state) {
 BENCHMARK(BM_Noisy_hx_getLineCornerFeature)->Unit(benchmark::kMillisecond);
 
 void BM_Noisy_hx_getLineJumpFeature_cornerMethod(benchmark::State& state) {
-    const SHX_cornerParam prm = noisyCornerParam(2.0, 3.0, 30.0, 20.0, 45.0);
+    const SHX_cornerParam prm = noisyCornerParam(1.0, 1.5, 20.0, 30.0, 30.0);
     std::vector<SHX_basicFeature1D> out;
     runOnNoisyLines(state, [&](std::vector<SKesp3DPosition>& line, int32_t l) {
         out.clear();
