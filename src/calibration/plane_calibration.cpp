@@ -51,6 +51,15 @@ constexpr int kBlockPoints = 64;
 /// rounding errors by which two evaluations of the same levelled height can
 /// differ (for instance when a compiler fuses one of them into an FMA).
 constexpr double kBoundSlack = 64 * DBL_EPSILON;
+/// Bound on the rounding error of a single-precision z - a x - b y, relative
+/// to |z| + |a x| + |b y| (three roundings of 2^-24 each, with room to spare).
+constexpr double kResidualSlack = 4 * FLT_EPSILON;
+/// Above this |z| + |a x| + |b y| the single-precision residual could overflow
+/// (and a NaN residual would drop out of its block's range unnoticed), so the
+/// residual bound is not used.
+constexpr double kMaxResidualMagnitude = 1e30;
+/// The provisional plane slope is fitted to every this many lines of the scan.
+constexpr size_t kSlopeSampleStride = 32;
 
 /// One scan line as a pointer and a count; a scan is a vector of them, so one
 /// routine serves scans held as line records and as vectors of vectors.
@@ -322,12 +331,24 @@ private:
 #endif
 };
 
-/// A block of consecutive points of one line and the single-precision
-/// bounding box of its band points (at least one).
+/// A provisional slope of the band's plane, z ~ a x + b y + e, fitted to a
+/// sample of the band before the pass that sums it. Any values give valid
+/// bounds; near the final fit they give tight ones.
+struct PlaneSlope {
+    float a = 0.0f, b = 0.0f;
+};
+
+/// A block of consecutive points of one line, the single-precision bounding
+/// box of its band points (at least one), and the range of their heights
+/// above the provisional plane, z - a x - b y (in single precision). On a
+/// tilted surface the box's corners lie far below every point, while the
+/// heights above a plane of nearly the right slope bound the levelled heights
+/// closely.
 struct BandBlock {
     const SKesp3DPosition* pts;
     int32_t count;
     cv::Point3f lo, hi;
+    float residualLo, residualHi;
 };
 
 static_assert(kBlockPoints % 4 == 0, "the box is taken four points at a time");
@@ -400,6 +421,36 @@ void boundingBox(cv::Point3f* pts, int m, cv::Point3f& lo, cv::Point3f& hi) {
     hi = cv::Point3f(box[3], box[4], box[5]);
 }
 
+/// Lowest and highest z - a x - b y of the first m points, m a multiple of
+/// four (boundingBox pads the block); a NaN is left out, as there.
+void residualRange(const cv::Point3f* pts, int m, const PlaneSlope& slope, float& lo, float& hi) {
+    constexpr float kInf = std::numeric_limits<float>::infinity();
+#if CV_SIMD128
+    using cv::v_float32x4;
+    const v_float32x4 a = cv::v_setall_f32(slope.a), b = cv::v_setall_f32(slope.b);
+    v_float32x4 l = cv::v_setall_f32(kInf), h = cv::v_setall_f32(-kInf);
+    for (int k = 0; k < m; k += 4) {
+        v_float32x4 x, y, z;
+        cv::v_load_deinterleave(&pts[k].x, x, y, z);
+        const v_float32x4 r = z - a * x - b * y;
+        l = cv::v_select(r < l, r, l);
+        h = cv::v_select(r > h, r, h);
+    }
+    float ls[4], hs[4];
+    cv::v_store(ls, l);
+    cv::v_store(hs, h);
+#else
+    float ls[4] = {kInf, kInf, kInf, kInf}, hs[4] = {-kInf, -kInf, -kInf, -kInf};
+    for (int k = 0; k < m; ++k) {
+        const float r = pts[k].z - slope.a * pts[k].x - slope.b * pts[k].y;
+        ls[k % 4] = r < ls[k % 4] ? r : ls[k % 4];
+        hs[k % 4] = r > hs[k % 4] ? r : hs[k % 4];
+    }
+#endif
+    lo = std::min(std::min(ls[0], ls[1]), std::min(ls[2], ls[3]));
+    hi = std::max(std::max(hs[0], hs[1]), std::max(hs[2], hs[3]));
+}
+
 /// Least-squares sums of the band points in scan order; appends a BandBlock
 /// for every block that holds band points. The band points are gathered one
 /// block at a time into a buffer (GCC 12 at -O3 was seen to vectorise a loop
@@ -407,7 +458,8 @@ void boundingBox(cv::Point3f* pts, int m, cv::Point3f& lo, cv::Point3f& hi) {
 /// changes the sums in their last bits), and each block is summed while the
 /// next one is gathered: the sums are a chain of dependent additions, and
 /// interleaved with the reads they cost little more than the reads alone.
-PA_PASS pa_detail::PlaneSums sumBand(const ScanView& scan, const BandTest& band, std::vector<BandBlock>& blocks) {
+PA_PASS pa_detail::PlaneSums sumBand(const ScanView& scan, const BandTest& band, const PlaneSlope& slope,
+                                     std::vector<BandBlock>& blocks) {
     StreamingPlaneSums sums;
     cv::Point3f buffers[2][kBlockPoints];
     cv::Point3f* gathered = buffers[0];  // the block being read
@@ -429,8 +481,9 @@ PA_PASS pa_detail::PlaneSums sumBand(const ScanView& scan, const BandTest& band,
             const int m = static_cast<int>(next - gathered);
             pendingCount = m;
             if (m == 0) continue;
-            BandBlock b{p, n, {}, {}};
+            BandBlock b{p, n, {}, {}, 0.0f, 0.0f};
             boundingBox(gathered, m, b.lo, b.hi);
+            residualRange(gathered, (m + 3) / 4 * 4, slope, b.residualLo, b.residualHi);
             blocks.push_back(b);
             std::swap(gathered, pending);
         }
@@ -468,18 +521,42 @@ private:
     int64_t count_ = 0;
 };
 
+/// Largest magnitude of a coordinate range.
+inline double magnitudeOf(float lo, float hi) { return std::max(std::fabs(double(lo)), std::fabs(double(hi))); }
+
 /// A value no band point of the block can go below once levelled and rounded.
 /// The levelled height only adds rounded products, and rounding is monotonic,
 /// so it is lowest at the corner of the box where each coordinate is at its
 /// low end for a non-negative coefficient and at its high end otherwise. NaN
 /// (from infinite coordinates) rules nothing out.
-float lowerBound(const BandBlock& b, const double* rotation) {
-    const double x = rotation[6] >= 0.0 ? b.lo.x : b.hi.x;
-    const double y = rotation[7] >= 0.0 ? b.lo.y : b.hi.y;
-    const double z = rotation[8] >= 0.0 ? b.lo.z : b.hi.z;
-    const double magnitude =
-        std::fabs(rotation[6] * x) + std::fabs(rotation[7] * y) + std::fabs(rotation[8] * z);
-    return static_cast<float>(levelledHeight(rotation, x, y, z) - kBoundSlack * magnitude);
+///
+/// Where the box is finite a second bound comes from the heights above the
+/// provisional plane: with r = z - a x - b y the levelled height r6 x + r7 y +
+/// r8 z equals r8 r + (r6 + r8 a) x + (r7 + r8 b) y, whose last two terms are
+/// small when the slope is nearly right. Both bounds allow for every rounding
+/// (of r in single precision, and of the levelled height and the bound in
+/// double), and the higher one is taken.
+float lowerBound(const BandBlock& b, const double* rotation, const PlaneSlope& slope) {
+    const double r6 = rotation[6], r7 = rotation[7], r8 = rotation[8];
+    const double x = r6 >= 0.0 ? b.lo.x : b.hi.x;
+    const double y = r7 >= 0.0 ? b.lo.y : b.hi.y;
+    const double z = r8 >= 0.0 ? b.lo.z : b.hi.z;
+    const double magnitude = std::fabs(r6 * x) + std::fabs(r7 * y) + std::fabs(r8 * z);
+    const double cornerBound = levelledHeight(rotation, x, y, z) - kBoundSlack * magnitude;
+    const double mx = magnitudeOf(b.lo.x, b.hi.x), my = magnitudeOf(b.lo.y, b.hi.y), mz = magnitudeOf(b.lo.z, b.hi.z);
+    const double residualMagnitude = mz + std::fabs(double(slope.a)) * mx + std::fabs(double(slope.b)) * my;
+    // Also false for an infinite coordinate (and NaN from one).
+    if (!(residualMagnitude < kMaxResidualMagnitude)) return static_cast<float>(cornerBound);
+    const double cx = r6 + r8 * slope.a, cy = r7 + r8 * slope.b;
+    const double xr = cx >= 0.0 ? b.lo.x : b.hi.x;
+    const double yr = cy >= 0.0 ? b.lo.y : b.hi.y;
+    const double r = r8 >= 0.0 ? b.residualLo : b.residualHi;
+    const double residualError = kResidualSlack * residualMagnitude + FLT_MIN;
+    const double sizes = std::fabs(r6) * mx + std::fabs(r7) * my + std::fabs(r8) * mz + std::fabs(r8 * r) +
+                         (std::fabs(r6) + std::fabs(r8 * slope.a)) * mx + (std::fabs(r7) + std::fabs(r8 * slope.b)) * my;
+    const double residualBound =
+        r8 * r + cx * xr + cy * yr - std::fabs(r8) * residualError - kBoundSlack * sizes;
+    return static_cast<float>(std::max(cornerBound, residualBound));
 }
 
 void addBlock(const BandBlock& b, const BandTest& band, LowestLevelledHeight& lowest) {
@@ -495,24 +572,21 @@ void addBlock(const BandBlock& b, const BandTest& band, LowestLevelledHeight& lo
 /// all lie strictly above the minimum, so the result is that of reading every
 /// band point in scan order, down to which of two equal heights (+0 and -0)
 /// is kept.
-PA_PASS double lowestBandHeight(const std::vector<BandBlock>& blocks, const BandTest& band,
-                                const double* rotation) {
+PA_PASS double lowestBandHeight(const std::vector<BandBlock>& blocks, const BandTest& band, const double* rotation,
+                                const PlaneSlope& slope) {
     if (blocks.empty()) return 0.0;
+    std::vector<float> bounds(blocks.size());
     size_t first = 0;
-    float firstBound = lowerBound(blocks[0], rotation);
-    for (size_t k = 1; k < blocks.size(); ++k) {
-        const float bound = lowerBound(blocks[k], rotation);
-        if (bound < firstBound) {
-            first = k;
-            firstBound = bound;
-        }
+    for (size_t k = 0; k < blocks.size(); ++k) {
+        bounds[k] = lowerBound(blocks[k], rotation, slope);
+        if (bounds[k] < bounds[first]) first = k;
     }
     LowestLevelledHeight probe(rotation);
     addBlock(blocks[first], band, probe);
     LowestLevelledHeight lowest(rotation);
-    for (const BandBlock& b : blocks) {
-        if (lowerBound(b, rotation) > std::min(probe.lowest(), lowest.lowest())) continue;
-        addBlock(b, band, lowest);
+    for (size_t k = 0; k < blocks.size(); ++k) {
+        if (bounds[k] > std::min(probe.lowest(), lowest.lowest())) continue;
+        addBlock(blocks[k], band, lowest);
     }
     return lowest.lowest();
 }
@@ -522,6 +596,29 @@ size_t blockCapacity(const ScanView& scan) {
     size_t n = 0;
     for (const LineSpan& line : scan) n += static_cast<size_t>((line.count + kBlockPoints - 1) / kBlockPoints);
     return n;
+}
+
+/// The slope of a plane fitted to the band points of every kSlopeSampleStride-th
+/// line; zero where that fit fails or is not finite.
+PlaneSlope provisionalSlope(const ScanView& scan, const BandTest& band) {
+    pa_detail::PlaneSums sums;
+    cv::Point3f pts[kBlockPoints];
+    for (size_t l = 0; l < scan.size(); l += kSlopeSampleStride) {
+        const LineSpan& line = scan[l];
+        for (int64_t s = 0; s < line.count; s += kBlockPoints) {
+            const int n = static_cast<int>(std::min<int64_t>(kBlockPoints, line.count - s));
+            const int m = bandPointsOf(line.pts + s, n, band, pts);
+            for (int k = 0; k < m; ++k) sums.add(pts[k]);
+        }
+    }
+    const cv::Vec4d plane = pa_detail::solvePlane(sums);
+    PlaneSlope slope;
+    const float a = static_cast<float>(plane[0]), b = static_cast<float>(plane[1]);
+    if (std::isfinite(a) && std::isfinite(b)) {
+        slope.a = a;
+        slope.b = b;
+    }
+    return slope;
 }
 
 /// The levelling rotation of a fitted plane (a, b, -1, e), which turns its
@@ -569,12 +666,14 @@ SHX_planeCalibPara calibrateScan(const ScanView& scan) {
     std::vector<BandBlock> blocks;
     pa_detail::PlaneSums sums;
     const BandTest band(zLow, zHigh);
+    PlaneSlope slope;
     if (zLow <= zHigh) {
+        slope = provisionalSlope(scan, band);
         blocks.reserve(blockCapacity(scan));
-        sums = sumBand(scan, band, blocks);
+        sums = sumBand(scan, band, slope, blocks);
     }
     SHX_planeCalibPara r = levellingRotations(pa_detail::solvePlane(sums));
-    r.planeHeight = lowestBandHeight(blocks, band, r.planeCalib);
+    r.planeHeight = lowestBandHeight(blocks, band, r.planeCalib, slope);
     return r;
 }
 

@@ -457,6 +457,34 @@ TEST(PlaneCalib, MatchesPlainReference) {
     }
 }
 
+TEST(PlaneCalib, MatchesPlainReferenceOnTallScenes) {
+    // A tilted floor near z = 200 with boxes up to 1,000 units tall, their
+    // shadows and dropouts (a histogram of about 1,000 bins): the levelled
+    // floor's heights lie within the noise, so the plane height is decided
+    // among thousands of nearly equal points.
+    testutil::Rng rng(4242);
+    for (int trial = 0; trial < 4; ++trial) {
+        Scan scan(150);
+        // Tilts of 0.02 to 0.04 per point spread the floor over more bins than
+        // the smoothing box, so that its smoothed count rises to a peak.
+        const double tiltX = rng.uniform(0.02, 0.04) * (trial % 2 ? 1 : -1);
+        const double tiltY = rng.uniform(0.02, 0.04) * (trial / 2 ? 1 : -1);
+        for (int i = 0; i < 150; ++i) {
+            for (int j = 0; j < 300; ++j) {
+                const int box = (i / 30) * 6 + j / 50;  // 30 x 50 point cells, every third one a box
+                const bool onBox = box % 3 == 0 && j % 50 < 35, shadow = box % 3 == 0 && j % 50 >= 35;
+                double z = 200.0 + tiltX * i + tiltY * j + rng.uniform(-0.05, 0.05) + (onBox ? 40.0 + 64.0 * box : 0.0);
+                if (shadow || rng.integer(0, 99) == 0) z = 0.0;
+                scan[i].push_back(pt(0.2 * i, 0.2 * j, z, j));
+            }
+        }
+        const auto want = refCalibrate(scan);
+        ASSERT_NE(want.planeHeight, -1.0);
+        ASSERT_TRUE(sameBits(calibrate(scan), want)) << "trial " << trial;
+        ASSERT_TRUE(sameBits(hx_getPlaneCalibPara2(scan), want)) << "trial " << trial;
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Regions
 // ---------------------------------------------------------------------------

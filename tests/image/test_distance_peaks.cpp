@@ -270,6 +270,25 @@ TEST(DistanceTransform, MatchesLiteralPassesOnRandomImages) {
     }
 }
 
+TEST(DistanceTransform, MatchesLiteralPassesOnWideRowsWithSparseSeeds) {
+    // Rows long enough to be relaxed in pieces. Sparse seeds make distances
+    // that run far along the rows, across piece boundaries; a NaN pixel stops
+    // the run (the pixels after it take their values from other rows).
+    std::mt19937 rng(7);
+    for (int cols : {127, 128, 135, 300, 1031}) {
+        cv::Mat src(24, cols, CV_32F, cv::Scalar(1e6f));
+        for (int y = 0; y < src.rows; y += 6)
+            for (int x = 0; x < cols; x += 150) src.at<float>(y, x) = 0.0f;
+        for (int k = 0; k < 12; ++k) {
+            const float special = k % 2 ? std::numeric_limits<float>::quiet_NaN() : 1e20f;
+            src.at<float>(static_cast<int>(rng() % 24), static_cast<int>(rng() % cols)) = special;
+        }
+        for (int distType : {0, 1}) {
+            EXPECT_TRUE(sameBits(distance(src, distType), referenceDistance(src, distType))) << cols;
+        }
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Window peaks on an image
 // ---------------------------------------------------------------------------
