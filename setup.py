@@ -39,11 +39,13 @@ class CMakeBuild(build_ext):
             run("cmake", "--build", tree, "--target", "pa_python", "-j", os.environ.get("PA_WHEEL_JOBS", "2"))
         stage = os.path.join(BUILD, "stage")
         shutil.rmtree(stage, ignore_errors=True)
-        run("cmake", "--install", tree, "--prefix", stage)
+        # The module's install step sets its run path to $ORIGIN (and the prefix's
+        # library directory); the library itself is taken from the build tree.
+        run("cmake", "--install", tree, "--prefix", stage, "--component", "python")
         module = glob.glob(os.path.join(stage, "**", "profile_analysis", "_core*.so"), recursive=True)
-        library = glob.glob(os.path.join(stage, "**", "libprofile_analysis.so.*"), recursive=True)
+        library = glob.glob(os.path.join(tree, "libprofile_analysis.so.*"))
         if len(module) != 1 or not library:
-            raise RuntimeError(f"cmake --install gave no module or library under {stage}")
+            raise RuntimeError(f"no module under {stage} or no library in {tree}")
         target = self.get_ext_fullpath(ext.name)
         os.makedirs(os.path.dirname(target), exist_ok=True)
         shutil.copy2(module[0], target)
