@@ -76,7 +76,10 @@ void bind_geometry(py::module_& m) {
                 for (py::ssize_t i = 0; i < a.shape(0); ++i) pts.push_back({a.at(i, 0), a.at(i, 1), 0.0});
             }
             double k = 0.0, b = 0.0;
-            lineFitting(pts, &k, &b);
+            {
+                ReleaseGil release(pts.size());
+                lineFitting(pts, &k, &b);
+            }
             return py::make_tuple(k, b);
         },
         py::arg("points"),

@@ -141,7 +141,10 @@ void bind_image(py::module_& m) {
             std::vector<SHX_lineConotours> lc = to_contours(line_contours, "line_contours");
             std::vector<SHX_2DValueI> pts;
             int flag = 0;
-            hx_getContourPts(lc, contour_idx, pts, &flag);
+            {
+                ReleaseGil release(lc.size());
+                hx_getContourPts(lc, contour_idx, pts, &flag);
+            }
             return py::make_tuple(to_array(pts, dtypes().value2d), flag);
         },
         py::arg("line_contours"), py::arg("contour_idx"),
@@ -157,7 +160,10 @@ void bind_image(py::module_& m) {
             const SKespRangeD r = to_range(range, "range");
             std::vector<SHX_conotourPair> valid;
             int f1 = 0, f2 = 0;
-            hx_getPairingContourPts(p, k, valid, r, is_x, &f1, &f2);
+            {
+                ReleaseGil release(p.size());
+                hx_getPairingContourPts(p, k, valid, r, is_x, &f1, &f2);
+            }
             return py::make_tuple(to_array(valid, dtypes().contour_pair), f1, f2);
         },
         py::arg("pairs"), py::arg("keys"), py::arg("range"), py::arg("is_x"),
@@ -171,7 +177,10 @@ void bind_image(py::module_& m) {
             auto c = to_records<SHX_contourPtInfo>(points, dtypes().contour_point, "points");
             std::vector<SHX_2DValueI> out;
             int flag = 0;
-            hx_contourPostProc(c, max_contour_idx, dist_tolerance, out, tag, &flag);
+            {
+                ReleaseGil release(c.size());
+                hx_contourPostProc(c, max_contour_idx, dist_tolerance, out, tag, &flag);
+            }
             return py::make_tuple(to_array(out, dtypes().value2d), flag);
         },
         py::arg("points"), py::arg("max_contour_idx"), py::arg("dist_tolerance"), py::arg("tag") = 0,

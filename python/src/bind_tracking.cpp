@@ -144,7 +144,10 @@ void bind_tracking(py::module_& m) {
         [](int32_t line_idx, bool is_last_line, py::handle features, const SHX_treeGrowParam& param, py::list trees) {
             std::vector<SHX_featureTree> t = trees_in<SHX_featureTree>(trees, "trees");
             auto f = to_records<SHX_basicFeature1D>(features, dtypes().feature, "features");
-            hx_lineFeaturesGrowing(line_idx, is_last_line, f, t, param);
+            {
+                ReleaseGil release(t.size() + f.size());
+                hx_lineFeaturesGrowing(line_idx, is_last_line, f, t, param);
+            }
             return trees_out(trees, t);
         },
         py::arg("line_idx"), py::arg("is_last_line"), py::arg("features"), py::arg("param"), py::arg("trees"),
@@ -214,7 +217,10 @@ void bind_tracking(py::module_& m) {
             auto t = trees_in<SHX_semiCircleFeatureTree>(trees, "trees");
             auto v = trees_in<SHX_semiCircleFeatureTree>(valid_trees, "valid_trees");
             auto s = trees_in<SHX_semiCircleFeatureTree>(short_trees, "short_trees");
-            hx_getFeatureGrowingTrees_semiCircle(f, line_idx, line_count, t, v, s, param);
+            {
+                ReleaseGil release(t.size() + f.size());
+                hx_getFeatureGrowingTrees_semiCircle(f, line_idx, line_count, t, v, s, param);
+            }
             if (!f.empty()) std::memcpy(a.mutable_data(), f.data(), f.size() * sizeof(SHX_featureSemiCircle));
             trees_out(trees, t);
             trees_out(valid_trees, v);

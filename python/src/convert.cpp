@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <limits>
+#include <optional>
 #include <utility>
 
 namespace pa_py {
@@ -73,13 +74,13 @@ void fill_points(const char* base, py::ssize_t n, py::ssize_t rowStride, py::ssi
 }
 
 // Converts a numeric array whose last axis holds x, y, z into points, in one pass.
-py::array convert_xyz(py::array a, const std::vector<py::ssize_t>& shape, py::ssize_t perLine) {
+py::array convert_xyz(py::array a, py::ssize_t outLines, py::ssize_t outPoints, py::ssize_t perLine) {
     const char k = a.dtype().kind();
     const bool native = py::detail::array_descriptor_proxy(a.dtype().ptr())->byteorder != '>';
     const bool direct = native && k == 'f' && (a.itemsize() == 8 || a.itemsize() == 4);
     if (!direct) a = a.attr("astype")(numpy().attr("float64"));
     const py::ssize_t n = a.size() / 3;
-    py::array out = new_points(shape);
+    py::array out = outLines < 0 ? new_points(outPoints) : new_points(outLines, outPoints);
     auto* dst = static_cast<SKesp3DPosition*>(out.mutable_data());
     // Rows of the leading axes are contiguous in the result; in the source the
     // last two strides describe a line, so walk line by line.
@@ -89,6 +90,8 @@ py::array convert_xyz(py::array a, const std::vector<py::ssize_t>& shape, py::ss
     const py::ssize_t lineStride = nd == 3 ? a.strides(0) : 0;
     const py::ssize_t perRow = nd == 3 ? a.shape(1) : n;
     const char* base = static_cast<const char*>(a.data());
+    std::optional<py::gil_scoped_release> release;
+    if (static_cast<size_t>(n) > kReleaseGilAbove) release.emplace();
     for (py::ssize_t l = 0; l < lines; ++l) {
         if (a.itemsize() == 8)
             fill_points<double>(base + l * lineStride, perRow, rowStride, colStride, perLine, dst + l * perRow);
@@ -200,28 +203,34 @@ void init_dtypes(py::module_& m) {
 
 const Dtypes& dtypes() { return *g_dtypes; }
 
-py::array new_points(const std::vector<py::ssize_t>& shape) { return py::array(dtypes().point, shape); }
+py::array new_points(py::ssize_t n) { return new_array(dtypes().point, n); }
+py::array new_points(py::ssize_t lines, py::ssize_t points) {
+    const py::ssize_t shape[2] = {lines, points};
+    return new_array(dtypes().point, 2, shape);
+}
 
 Profile to_profile(py::handle obj, const char* name, bool writes) {
+    // No default-constructed py::array on this path: pybind11 makes one by
+    // creating an empty numpy array, which per-line calls would pay for.
     py::array a = as_array(obj, name);
-    Profile p;
+    bool shared = false;
     if (same_dtype(a, dtypes().point)) {
         if (a.ndim() != 1)
             raise_value(std::string(name) + ": expected a 1-D array of point_dtype, got shape " + shape_text(a));
-        p.shared = c_contiguous(a) && (!writes || a.writeable());
-        p.array = p.shared ? a : py::array(numpy().attr("array")(a));
+        shared = c_contiguous(a) && (!writes || a.writeable());
+        if (!shared) a = numpy().attr("array")(a);
     } else if (numeric(a)) {
         if (a.ndim() != 2 || a.shape(1) != 3)
             raise_value(std::string(name) + ": expected an (N, 3) array of x, y, z, got shape " + shape_text(a));
-        p.array = convert_xyz(a, {a.shape(0)}, -1);
+        a = convert_xyz(a, -1, a.shape(0), -1);
     } else {
         raise_type(std::string(name) + ": expected an (N, 3) float array or point_dtype records, got dtype " +
                    std::string(py::str(a.dtype())));
     }
-    check_count(p.array.shape(0), name);
-    p.count = static_cast<int32_t>(p.array.shape(0));
-    p.data = p.count ? static_cast<SKesp3DPosition*>(p.array.mutable_data()) : nullptr;
-    return p;
+    check_count(a.shape(0), name);
+    const auto count = static_cast<int32_t>(a.shape(0));
+    auto* data = count ? static_cast<SKesp3DPosition*>(a.mutable_data()) : nullptr;
+    return Profile{data, count, std::move(a), shared};
 }
 
 bool is_scan(py::handle obj) {
@@ -273,7 +282,7 @@ Scan to_scan(py::handle obj, const char* name, bool writes) {
     } else if (numeric(a)) {
         if (a.ndim() != 3 || a.shape(2) != 3)
             raise_value(std::string(name) + ": expected an (L, P, 3) array of x, y, z, got shape " + shape_text(a));
-        grid = convert_xyz(a, {a.shape(0), a.shape(1)}, a.shape(1));
+        grid = convert_xyz(a, a.shape(0), a.shape(1), a.shape(1));
     } else {
         raise_type(std::string(name) + ": expected an (L, P, 3) float array, point_dtype records or a list of "
                                        "profiles, got dtype " + std::string(py::str(a.dtype())));
@@ -295,7 +304,7 @@ Scan to_scan(py::handle obj, const char* name, bool writes) {
 
 py::array as_record_array(py::handle obj, const py::dtype& dt, const char* name) {
     py::array a = as_array(obj, name);
-    if (a.size() == 0 && a.ndim() == 1) return py::array(dt, std::vector<py::ssize_t>{0});
+    if (a.size() == 0 && a.ndim() == 1) return new_array(dt, 0);
     if (same_dtype(a, dt)) {
         if (a.ndim() != 1) raise_value(std::string(name) + ": expected a 1-D record array, got shape " + shape_text(a));
         return c_contiguous(a) ? a : py::array(numpy().attr("ascontiguousarray")(a));
@@ -385,11 +394,9 @@ Image to_image(py::handle obj, const char* name, int channels) {
     if (depth < 0 || py::detail::array_descriptor_proxy(a.dtype().ptr())->byteorder == '>')
         raise_type(std::string(name) + ": unsupported image dtype " + std::string(py::str(a.dtype())));
     if (!c_contiguous(a)) a = numpy().attr("ascontiguousarray")(a);
-    Image im;
-    im.array = a;
-    im.mat = cv::Mat(static_cast<int>(a.shape(0)), static_cast<int>(a.shape(1)), CV_MAKETYPE(depth, channels),
-                     const_cast<void*>(a.data()));
-    return im;
+    cv::Mat mat(static_cast<int>(a.shape(0)), static_cast<int>(a.shape(1)), CV_MAKETYPE(depth, channels),
+                const_cast<void*>(a.data()));
+    return Image{mat, std::move(a)};
 }
 
 py::array from_mat(const cv::Mat& m) {

@@ -69,13 +69,25 @@ struct Scan {
 bool is_scan(py::handle obj);
 Scan to_scan(py::handle obj, const char* name, bool writes);
 
-/// Fresh point array (C-contiguous) of the given shape.
-py::array new_points(const std::vector<py::ssize_t>& shape);
+/// A new C-contiguous array of dtype dt, made straight through numpy's C
+/// interface: per-line calls make two or three of these, so their cost counts.
+inline py::array new_array(const py::dtype& dt, int ndim, const py::ssize_t* shape) {
+    auto& api = py::detail::npy_api::get();
+    Py_INCREF(dt.ptr());  // the constructor steals the descriptor
+    PyObject* a = api.PyArray_NewFromDescr_(api.PyArray_Type_, dt.ptr(), ndim, shape, nullptr, nullptr, 0, nullptr);
+    if (!a) throw py::error_already_set();
+    return py::reinterpret_steal<py::array>(a);
+}
+inline py::array new_array(const py::dtype& dt, py::ssize_t n) { return new_array(dt, 1, &n); }
+
+/// Fresh point array (C-contiguous): n points, or lines x points.
+py::array new_points(py::ssize_t n);
+py::array new_points(py::ssize_t lines, py::ssize_t points);
 
 /// Copies records into a new structured array of the matching dtype.
 template <class T>
 py::array to_array(const T* data, size_t n, const py::dtype& dt) {
-    py::array out(dt, std::vector<py::ssize_t>{static_cast<py::ssize_t>(n)});
+    py::array out = new_array(dt, static_cast<py::ssize_t>(n));
     if (n) std::memcpy(out.mutable_data(), data, n * sizeof(T));
     return out;
 }

@@ -31,7 +31,7 @@ inline int checked_threads(int threads) {
 /// (the caller's array when it was used in place, else the converted copy).
 template <size_t K>
 struct Detected {
-    std::array<py::array, K> records;
+    std::array<py::object, K> records;  // objects: an empty py::array would cost a numpy call
     py::object points;
 };
 
@@ -66,7 +66,7 @@ Detected<K> detect(py::handle obj, bool writes, int32_t lineIdx, int threads, co
     for (size_t k = 0; k < K; ++k) {
         size_t total = 0;
         for (const Out& o : perLine) total += o[k].size();
-        py::array a(dt, std::vector<py::ssize_t>{static_cast<py::ssize_t>(total)});
+        py::array a = new_array(dt, static_cast<py::ssize_t>(total));
         auto* dst = static_cast<Rec*>(a.mutable_data());
         for (const Out& o : perLine) {
             if (!o[k].empty()) std::memcpy(dst, o[k].data(), o[k].size() * sizeof(Rec));
@@ -87,7 +87,7 @@ py::object map_points(py::handle obj, int threads, PerLine f, Prepare prepare) {
     if (!is_scan(obj)) {
         prepare(size_t(1));
         Profile p = to_profile(obj, "points", false);
-        py::array out = new_points({p.count});
+        py::array out = new_points(p.count);
         auto* dst = static_cast<SKesp3DPosition*>(out.mutable_data());
         {
             ReleaseGil release(static_cast<size_t>(p.count));
@@ -100,14 +100,14 @@ py::object map_points(py::handle obj, int threads, PerLine f, Prepare prepare) {
     std::vector<SKesp3DPosition*> dst(s.lines.size());
     py::object result;
     if (s.width || s.lines.empty()) {
-        py::array grid = new_points({static_cast<py::ssize_t>(s.lines.size()), s.width});
+        py::array grid = new_points(static_cast<py::ssize_t>(s.lines.size()), s.width);
         auto* base = static_cast<SKesp3DPosition*>(grid.mutable_data());
         for (size_t i = 0; i < s.lines.size(); ++i) dst[i] = base + i * static_cast<size_t>(s.width);
         result = grid;
     } else {
         py::list lines;
         for (size_t i = 0; i < s.lines.size(); ++i) {
-            py::array a = new_points({s.lines[i].nPositionCnt});
+            py::array a = new_points(s.lines[i].nPositionCnt);
             dst[i] = static_cast<SKesp3DPosition*>(a.mutable_data());
             lines.append(a);
         }
