@@ -107,7 +107,7 @@ def table(label, results, copy_pass):
 
 def write_section(path, text):
     doc = open(path).read() if os.path.exists(path) else "# Performance\n"
-    section = "## Python bindings\n"
+    section = "## Python bindings\n\n"
     pattern = re.compile(r"## Python bindings\n.*?(?=\n## |\Z)", re.S)
     doc = pattern.sub(lambda _: (section + text).rstrip("\n") + "\n", doc) if pattern.search(doc) else \
         doc.rstrip("\n") + "\n\n" + section + text
@@ -127,9 +127,13 @@ def main():
             f"{args.repeat} runs taken in turn; CPU time except for the thread ratio. loop: a Python loop of per-line calls on rows of a point_dtype scan; scan/1, "
             "scan/2: one whole-scan call with threads=1 / 2; xyz/1: the whole-scan call on an (L, P, 3) float64 "
             "array, converted once by the binding, its extra time given in copy passes over that array.", ""]
+    load_before = os.getloadavg()[0]
     for label, noisy in (("Clean scene", False), ("Noisy scene", True)):
         results, copy_pass = measure(scene(args.lines, args.points, noisy), args.repeat)
         body += table(label, results, copy_pass) + [""]
+    body += [f"Load average (1 min) {load_before:.1f} before the run and {os.getloadavg()[0]:.1f} after it. The "
+             "thread ratio needs a second core that is free: with the machine's cores busy with other work it "
+             "stays near 1 whatever the module does, so read it together with the load.", ""]
     text = "\n".join(body)
     print(text)
     if not args.no_write:

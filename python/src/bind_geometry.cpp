@@ -39,11 +39,6 @@ std::vector<SKesp3DRangeD> to_regions(py::handle obj) {
     }
 }
 
-double checked_rotation(py::handle rotation, double out[9]) {
-    to_matrix9(rotation, "rotation", out);
-    return 0.0;
-}
-
 }  // namespace
 
 void bind_geometry(py::module_& m) {
@@ -63,14 +58,13 @@ void bind_geometry(py::module_& m) {
     m.def(
         "fit_line",
         [](py::handle points) {
-            py::array_t<double, py::array::forcecast> a;
             std::vector<SKesp3DPoint> pts;
             if (is_scan(points) || (py::isinstance<py::array>(points) &&
                                     py::reinterpret_borrow<py::array>(points).dtype().has_fields())) {
                 Profile p = to_profile(points, "points", false);
                 for (int32_t i = 0; i < p.count; ++i) pts.push_back({p.data[i].x, p.data[i].y, p.data[i].z});
             } else {
-                a = py::array_t<double, py::array::forcecast>::ensure(points);
+                auto a = py::array_t<double, py::array::forcecast>::ensure(points);
                 if (!a || a.ndim() != 2 || (a.shape(1) != 2 && a.shape(1) != 3))
                     raise_value("points: expected an (N, 2) or (N, 3) array");
                 for (py::ssize_t i = 0; i < a.shape(0); ++i) pts.push_back({a.at(i, 0), a.at(i, 1), 0.0});
@@ -103,7 +97,7 @@ void bind_geometry(py::module_& m) {
         "rotate_points",
         [](py::handle points, py::handle rotation, double z_cut, int threads) {
             double r[9];
-            checked_rotation(rotation, r);
+            to_matrix9(rotation, "rotation", r);
             if (!is_scan(points)) {
                 checked_threads(threads);
                 Profile p = to_profile(points, "points", true);
@@ -139,7 +133,7 @@ void bind_geometry(py::module_& m) {
         "rotate_rgbd",
         [](py::handle points, py::handle rotation, double z_cut) {
             double r[9];
-            checked_rotation(rotation, r);
+            to_matrix9(rotation, "rotation", r);
             py::array a = py::module_::import("numpy").attr("asarray")(points);
             py::array work;
             if (a.dtype().has_fields()) {
