@@ -161,6 +161,11 @@ void bind_tracking(py::module_& m) {
             std::vector<SHX_featureTree> t = trees_in<SHX_featureTree>(trees, "trees");
             auto e = to_records<SHX_2DValueI>(endings, dtypes().value2d, "endings");
             Scan s = to_scan(scan, "scan", false);
+            // The C routine does not check line indices against the scan.
+            for (const auto& p : e)
+                if ((line_wise ? p.x : p.y) >= static_cast<int32_t>(s.lines.size()))
+                    raise_value("endings: line index " + std::to_string(line_wise ? p.x : p.y) + " beyond the scan's " +
+                                std::to_string(s.lines.size()) + " lines");
             {
                 py::gil_scoped_release release;
                 hx_getEndingGrowingTrees(e, s.lines.empty() ? nullptr : s.lines.data(), line_wise, feature_type, t,

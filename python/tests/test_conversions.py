@@ -52,6 +52,12 @@ def test_scan_shapes_share_or_convert():
     assert list(jumps["line"]) == [0, 1, 2] and list(jumps["x"]) == [0, 1, 2]
 
 
+def test_range_image_rows_become_profiles():
+    scan = pa.scan_from_range_image(np.array([[0, 2], [3, 0]], np.uint16), 0.5, 0.1, 2.0)
+    assert scan.dtype == pa.point_dtype and scan.tolist() == [[(0, 0.0, 0.0, 0.0), (1, 0.0, 0.1, 4.0)],
+                                                              [(0, 0.5, 0.0, 6.0), (1, 0.5, 0.1, 0.0)]]
+
+
 def test_tree_nodes_keep_every_feature_field():
     feats = [feature(i, 10.0 + 0.5 * i, 5.0, type_=3, value=0.25) for i in range(4)]
     for f in feats:

@@ -41,6 +41,8 @@ CASES = [  # (call, exception, message fragment); each row one argument check
     (lambda: pa.grow_trees(np.zeros(1, [("line", "i4")]), GROW), TypeError, "lacks the fields type, idx"),
     (lambda: pa.grow_trees(np.ones(1, pa.feature_dtype), GROW, line_count=1), ValueError, "line 1 lies outside"),
     (lambda: pa.grow_trees_by_line(0, True, [], GROW, [1]), TypeError, "trees: expected tree objects"),
+    (lambda: pa.grow_ending_trees(np.array([(3, 0, 7, 0.0, 0)], pa.value2d_dtype), np.ones((3, 4, 3)), True, 7, GROW),
+     ValueError, "endings: line index 3 beyond the scan's 3 lines"),
     (lambda: pa.FeatureTree(nodes=np.zeros(2)), TypeError, "nodes: expected a 1-D structured array"),
     (lambda: pa.Box3D(x_range=1.0), TypeError, "x_range: expected a (min, max) pair"),
     (lambda: pa.plane_calibration_in_regions(P[None], np.zeros((2, 5))), ValueError, "regions: expected"),
