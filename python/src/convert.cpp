@@ -11,25 +11,25 @@ namespace {
 
 Dtypes* g_dtypes = nullptr;  // made at import, lives as long as the process
 
-struct FieldSpec {
+struct FieldLayout {
     const char* name;
     py::object format;
     size_t offset;
 };
 
-py::dtype make_dtype(const std::vector<FieldSpec>& fields, size_t itemsize) {
+py::dtype make_dtype(const std::vector<FieldLayout>& fields, size_t itemsize) {
     py::list names, formats, offsets;
     for (const auto& f : fields) {
         names.append(f.name);
         formats.append(f.format);
         offsets.append(f.offset);
     }
-    py::dict spec;
-    spec["names"] = names;
-    spec["formats"] = formats;
-    spec["offsets"] = offsets;
-    spec["itemsize"] = itemsize;
-    return py::dtype::from_args(spec);
+    py::dict layout;
+    layout["names"] = names;
+    layout["formats"] = formats;
+    layout["offsets"] = offsets;
+    layout["itemsize"] = itemsize;
+    return py::dtype::from_args(layout);
 }
 
 const py::str kI4("<i4"), kI8("<i8"), kF4("<f4"), kF8("<f8"), kU4("<u4");
