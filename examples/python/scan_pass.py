@@ -136,9 +136,10 @@ def read_image(path):
     try:
         import cv2
         return cv2.imread(path, cv2.IMREAD_UNCHANGED)
-    except ImportError:
+    except ImportError:  # matplotlib reads PNG as floats in 0..1 (scale with --z-scale)
         import matplotlib.image
-        return matplotlib.image.imread(path)
+        img = matplotlib.image.imread(path)
+        return img[..., 0] if img.ndim == 3 else img  # grey saved as RGB(A): one channel
 
 
 def synthetic_scan(lines=400, points=512):
