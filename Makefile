@@ -3,13 +3,18 @@
 #   make test   install what is missing, build, run the test suite
 # Further targets: make bench (benchmarks), make sanitize (tests under ASan+UBSan,
 # with the portable kernels in place of the AVX2 ones chosen at run time),
+# make python (the Python module, in build/python), make wheel (a wheel in dist/),
 # make package (Debian packages of the library, in build-package/).
 
 BUILD ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?=
+# The interpreter of the Python module: the first of /usr/bin/python3 and
+# python3 that imports numpy (another python3 may come first on PATH).
+PYTHON ?= $(shell for p in /usr/bin/python3 python3; do $$p -c 'import numpy' >/dev/null 2>&1 && { command -v $$p; break; }; done)
+PYTHON_ARGS = $(if $(PYTHON),-DPython3_EXECUTABLE=$(PYTHON))
 
-.PHONY: all setup configure build demo test bench sanitize package clean
+.PHONY: all setup configure build demo test bench sanitize python wheel package clean
 
 all: build
 
@@ -17,7 +22,7 @@ setup:
 	@bash scripts/setup.sh
 
 configure: setup
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release $(CMAKE_ARGS)
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release $(PYTHON_ARGS) $(CMAKE_ARGS)
 
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
@@ -31,6 +36,13 @@ test: build
 bench: build
 	./$(BUILD)/bench/profile_bench $(ARGS)
 
+python: configure
+	cmake --build $(BUILD) -j $(JOBS) --target pa_python
+
+wheel: setup
+	@test -n "$(PYTHON)" || { echo "wheel: no python3 that imports numpy" >&2; exit 1; }
+	$(PYTHON) -m pip wheel --no-deps --no-build-isolation . -w dist
+
 sanitize:
 	$(MAKE) test BUILD=build-sanitize CMAKE_ARGS="-DPA_SANITIZE=ON -DPA_PORTABLE_KERNELS=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPA_BUILD_BENCHMARKS=OFF"
 
@@ -42,4 +54,4 @@ package: setup
 	@ls -1 build-package/*.deb
 
 clean:
-	rm -rf build build-sanitize build-package
+	rm -rf build build-sanitize build-package build-wheel dist

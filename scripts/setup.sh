@@ -4,6 +4,8 @@
 set -euo pipefail
 
 packages=(cmake g++ make pkg-config libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev libgtest-dev libbenchmark-dev)
+# The Python module, its tests, wheel and example, for the system's own python3.
+packages+=(python3-dev python3-numpy pybind11-dev python3-pytest python3-pip python3-venv python3-setuptools python3-wheel python3-matplotlib)
 
 missing=()
 for p in "${packages[@]}"; do
@@ -18,6 +20,7 @@ if ! command -v dpkg-query >/dev/null 2>&1; then
   done
   pkg-config --exists opencv4 || [ -e /usr/include/opencv4/opencv2/core.hpp ] || { echo "setup: OpenCV (core, imgproc, imgcodecs) development files are missing" >&2; exit 1; }
   echo "setup: not a Debian/Ubuntu system: make sure GoogleTest and Google Benchmark are installed" >&2
+  echo "setup: for the Python module: a python3 with numpy, its headers, pybind11, pytest, pip, venv, matplotlib" >&2
   exit 0
 fi
 
