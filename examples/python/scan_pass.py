@@ -184,6 +184,9 @@ def run_pass(scan, threads, height_limit):
               f"box x {box.x_range}, y {box.y_range}, z {box.z_range}"]
     calib = pa.plane_calibration(scan)
     if calib.height != -1.0:
+        # Refit to the points near the plane: objects whose tops share the
+        # floor's height band pull the histogram's fit.
+        calib = pa.refine_plane_calibration(scan, calib, inlier_dist=0.4 * py)
         z_cut = calib.height + height_limit if height_limit > 0 else 0.0  # points above it are dropped
         pa.rotate_points(scan, calib.rotation, z_cut, threads=threads)  # in place
         tilt = pa.euler_from_matrix(calib.inverse_rotation)

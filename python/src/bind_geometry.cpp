@@ -202,6 +202,25 @@ void bind_calibration(py::module_& m) {
         "valid point, no height peak) gives identity matrices and height -1.0.");
 
     m.def(
+        "refine_plane_calibration",
+        [](py::handle scan, const SHX_planeCalibPara& start, double inlier_dist, int32_t max_iter) {
+            Scan s = to_scan(scan, "scan", false);
+            const bool list = py::isinstance<py::list>(s.result);
+            ReleaseGil release(point_total(s));
+            if (!list)
+                return hx_refinePlaneCalibPara(s.lines.data(), static_cast<int32_t>(s.lines.size()), start,
+                                               inlier_dist, max_iter);
+            return hx_refinePlaneCalibPara_vector(as_vectors(s), start, inlier_dist, max_iter);
+        },
+        py::arg("scan"), py::arg("start"), py::arg("inlier_dist"), py::arg("max_iter") = 10,
+        "Refits a calibration to the valid points within inlier_dist (scan units, strictly below) of its plane, "
+        "round after round, until a round keeps the same inliers or after max_iter rounds "
+        "(hx_refinePlaneCalibPara; a list of profiles goes through hx_refinePlaneCalibPara_vector, same bits). "
+        "start is usually plane_calibration(scan).\n\nReturns PlaneCalibration with the same meaning of every "
+        "field. The start itself when it failed (height -1.0), when inlier_dist <= 0 or NaN, when max_iter < 1 or "
+        "when a round keeps fewer than 3 points. NaN or infinite coordinates are never inliers.");
+
+    m.def(
         "plane_calibration_in_regions",
         [](py::handle scan, py::handle regions) {
             std::vector<SKesp3DRangeD> rois = to_regions(regions);

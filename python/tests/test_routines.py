@@ -29,6 +29,12 @@ def test_calibration():
     c = pa.plane_calibration_in_regions(flat, [box])
     assert c.height == pytest.approx(5.0) and np.allclose(c.rotation, np.eye(3))
     assert pa.plane_calibration_in_regions(flat, np.array([[0, 10, 0, 10, 0, 10]])).height == c.height
+    # A failed start comes back unchanged; a levelled flat floor refits to itself (list and array alike).
+    assert pa.refine_plane_calibration(flat, failed, 0.5).height == -1.0
+    start = pa.plane_calibration(flat)
+    for scan in (flat, list(flat)):
+        r = pa.refine_plane_calibration(scan, start, 0.5)
+        assert r.height == pytest.approx(5.0) and np.allclose(r.rotation, np.eye(3))
 
 
 def test_preprocess():
