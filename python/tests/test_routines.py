@@ -31,9 +31,10 @@ def test_calibration():
     assert pa.plane_calibration_in_regions(flat, np.array([[0, 10, 0, 10, 0, 10]])).height == c.height
     # A failed start comes back unchanged; a levelled flat floor refits to itself (list and array alike).
     assert pa.refine_plane_calibration(flat, failed, 0.5).height == -1.0
-    start = pa.plane_calibration(flat)
-    for scan in (flat, list(flat)):
-        r = pa.refine_plane_calibration(scan, start, 0.5)
+    # A checkered floor (z 5.0 and 5.1, no trend along x or y) refits to the level plane, lowest at 5.0.
+    ribbed = np.stack([profile([5.0, 5.1, 5.1, 5.0] if i % 2 else [5.1, 5.0, 5.0, 5.1], x=i) for i in range(6)])
+    for scan in (ribbed, list(ribbed)):
+        r = pa.refine_plane_calibration(scan, c, 0.5)
         assert r.height == pytest.approx(5.0) and np.allclose(r.rotation, np.eye(3))
 
 
