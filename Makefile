@@ -2,13 +2,16 @@
 #   make demo   install what is missing, build, run the demo on the built-in scan
 #   make test   install what is missing, build, run the test suite
 # Further targets: make bench (benchmarks), make sanitize (tests under ASan+UBSan,
-# with the portable kernels in place of the AVX2 ones chosen at run time).
+# with the portable kernels in place of the AVX2 ones chosen at run time),
+# make fuzz (every fuzz target for FUZZ_SECONDS seconds, with Clang and
+# libFuzzer), make tsan (concurrent calls of every routine under ThreadSanitizer).
 
 BUILD ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?=
+FUZZ_SECONDS ?= 60
 
-.PHONY: all setup configure build demo test bench sanitize clean
+.PHONY: all setup configure build demo test bench sanitize fuzz tsan clean
 
 all: build
 
@@ -33,5 +36,15 @@ bench: build
 sanitize:
 	$(MAKE) test BUILD=build-sanitize CMAKE_ARGS="-DPA_SANITIZE=ON -DPA_PORTABLE_KERNELS=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPA_BUILD_BENCHMARKS=OFF"
 
+fuzz:
+	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/fuzz.sh
+
+tsan:
+	bash scripts/setup.sh clang
+	cmake -S . -B build-tsan -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPA_SANITIZE_THREAD=ON \
+	  -DPA_BUILD_BENCHMARKS=OFF -DPA_BUILD_EXAMPLES=OFF $(CMAKE_ARGS)
+	cmake --build build-tsan -j $(JOBS) --target test_concurrency
+	TSAN_OPTIONS="halt_on_error=1 exitcode=66 $(TSAN_OPTIONS)" ./build-tsan/tests/test_concurrency
+
 clean:
-	rm -rf build build-sanitize
+	rm -rf build build-sanitize build-fuzz build-tsan
