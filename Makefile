@@ -42,7 +42,7 @@ fuzz:
 tsan:
 	bash scripts/setup.sh clang
 	cmake -S . -B build-tsan -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPA_SANITIZE_THREAD=ON \
-	  -DPA_BUILD_BENCHMARKS=OFF -DPA_BUILD_EXAMPLES=OFF $(CMAKE_ARGS)
+	  -DPA_BUILD_BENCHMARKS=OFF -DPA_BUILD_EXAMPLES=OFF -DPA_PORTABLE_KERNELS=OFF $(CMAKE_ARGS)
 	cmake --build build-tsan -j $(JOBS) --target test_concurrency
 	TSAN_OPTIONS="halt_on_error=1 exitcode=66 $(TSAN_OPTIONS)" ./build-tsan/tests/test_concurrency
 

@@ -16,7 +16,7 @@ targets=${FUZZ_TARGETS:-$all}
 
 bash scripts/setup.sh clang
 cmake -S . -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPA_BUILD_FUZZERS=ON \
-  -DPA_BUILD_TESTS=OFF -DPA_BUILD_BENCHMARKS=OFF -DPA_BUILD_EXAMPLES=OFF ${FUZZ_CMAKE_ARGS:-} >/dev/null
+  -DPA_BUILD_TESTS=OFF -DPA_BUILD_BENCHMARKS=OFF -DPA_BUILD_EXAMPLES=OFF -DPA_PORTABLE_KERNELS=OFF ${FUZZ_CMAKE_ARGS:-} >/dev/null
 # shellcheck disable=SC2086
 cmake --build "$build" -j "${JOBS:-2}" --target $targets
 
