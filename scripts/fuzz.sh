@@ -28,6 +28,7 @@ summary=()
 failed=0
 for t in $targets; do
   corpus="$build/corpus/$t" findings="$build/findings/$t"
+  rm -rf "$findings"
   mkdir -p "$corpus" "$findings"
   log="$build/$t.log"
   status=0
