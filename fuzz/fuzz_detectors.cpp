@@ -56,6 +56,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // at or below the line's own length is passed.
     const int32_t passed = in.hostile() && in.flag() ? in.count(n, n) : n;
     SKesp3DPosition* pts = line.empty() ? nullptr : line.data();
+    // A null output record does nothing (out of contract).
+    const bool nullOut = in.hostile() && in.integer(0, 15) == 0;
     Features a, b;
     switch (routine) {
         case 0: {
@@ -81,14 +83,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const SHX_slopeParam sp{in.real(0.0, 10.0), in.real(0.0, 20.0), in.real(0.0, 20.0), in.real(0.0, 20.0)};
             const SHX_VFeatureParam vp{in.real(0.0, 10.0), in.real(0.0, 10.0)};
             SHX_lineFeature out;
-            hx_getLineLVFeature(pts, passed, lineIdx, sp, vp, &out);
+            hx_getLineLVFeature(pts, passed, lineIdx, sp, vp, nullOut ? nullptr : &out);
             checkFeatures(out.features, line, lineIdx, false, {1, 2, 3, 4, 5});
             checkFeatures(out.endings, line, lineIdx, false, {6, 7});
             break;
         }
         case 4: {
             SHX_lineFeature out;
-            hx_getLineCornerFeature(pts, passed, lineIdx, cornerParam(in), &out);
+            hx_getLineCornerFeature(pts, passed, lineIdx, cornerParam(in), nullOut ? nullptr : &out);
             checkFeatures(out.features, line, lineIdx, true, {1, 2, 15});
             checkFeatures(out.endings, line, lineIdx, true, {6, 7});
             FUZZ_CHECK(out.endings.size() % 2 == 0);
