@@ -4,7 +4,9 @@
 # Further targets: make bench (benchmarks), make sanitize (tests under ASan+UBSan,
 # with the portable kernels in place of the AVX2 ones chosen at run time),
 # make python (the Python module, in build/python), make wheel (a wheel in dist/),
-# make package (Debian packages of the library, in build-package/).
+# make package (Debian packages of the library, in build-package/),
+# make fuzz (every fuzz target for FUZZ_SECONDS seconds, with Clang and
+# libFuzzer), make tsan (concurrent calls of every routine under ThreadSanitizer).
 
 BUILD ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
@@ -14,7 +16,9 @@ CMAKE_ARGS ?=
 PYTHON ?= $(shell for p in /usr/bin/python3 python3; do $$p -c 'import numpy' >/dev/null 2>&1 && { command -v $$p; break; }; done)
 PYTHON_ARGS = $(if $(PYTHON),-DPython3_EXECUTABLE=$(PYTHON))
 
-.PHONY: all setup configure build demo test bench sanitize python wheel package clean
+FUZZ_SECONDS ?= 60
+
+.PHONY: all setup configure build demo test bench sanitize python wheel package fuzz tsan clean
 
 all: build
 
@@ -53,5 +57,15 @@ package: setup
 	cmake --build build-package -j $(JOBS) --target package
 	@ls -1 build-package/*.deb
 
+fuzz:
+	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/fuzz.sh
+
+tsan:
+	bash scripts/setup.sh clang
+	cmake -S . -B build-tsan -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPA_SANITIZE_THREAD=ON \
+	  -DPA_BUILD_BENCHMARKS=OFF -DPA_BUILD_EXAMPLES=OFF -DPA_PORTABLE_KERNELS=OFF $(CMAKE_ARGS)
+	cmake --build build-tsan -j $(JOBS) --target test_concurrency
+	TSAN_OPTIONS="halt_on_error=1 exitcode=66 $(TSAN_OPTIONS)" ./build-tsan/tests/test_concurrency
+
 clean:
-	rm -rf build build-sanitize build-package build-wheel dist
+	rm -rf build build-sanitize build-package build-wheel dist build-fuzz build-tsan

@@ -1307,8 +1307,8 @@ PA_API void hx_getPairingContourPts(const std::vector<SHX_conotourPair>& pairs,
 /// Empty input, or no contour left: nothing appended, flag 0.
 /// Out of contract: points whose contourIdx lies outside 0 .. maxContourIdx
 /// belong to no contour (never counted, never output) but still count in n;
-/// a negative maxContourIdx outputs nothing. Memory use follows the largest
-/// identifier present, not maxContourIdx. NaN seed distances make their
+/// a negative maxContourIdx outputs nothing. Memory use follows the number of
+/// points, whatever the identifiers and maxContourIdx. NaN seed distances make their
 /// contour's mean NaN, which is never selected. A null flagMajority is skipped.
 PA_API void hx_contourPostProc(const std::vector<SHX_contourPtInfo>& contourPts, int maxContourIdx,
                                double distTolerance, std::vector<SHX_2DValueI>& outPts, int tag, int* flagMajority);

@@ -6,6 +6,9 @@ set -euo pipefail
 packages=(cmake g++ make pkg-config libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev libgtest-dev libbenchmark-dev)
 # The Python module, its tests, wheel and example, for the system's own python3.
 packages+=(python3-dev python3-numpy pybind11-dev python3-pytest python3-pip python3-venv python3-setuptools python3-wheel python3-matplotlib)
+# `setup.sh clang` also installs Clang with its sanitizer and libFuzzer
+# runtimes, for `make fuzz` and `make tsan`.
+if [ "${1:-}" = clang ]; then packages+=(clang libclang-rt-dev); fi
 
 missing=()
 for p in "${packages[@]}"; do
@@ -15,7 +18,7 @@ for p in "${packages[@]}"; do
 done 2>/dev/null || true
 
 if ! command -v dpkg-query >/dev/null 2>&1; then
-  for tool in cmake g++ make pkg-config; do
+  for tool in cmake g++ make pkg-config $([ "${1:-}" = clang ] && echo clang++); do
     command -v "$tool" >/dev/null 2>&1 || { echo "setup: '$tool' is missing; install it with your package manager" >&2; exit 1; }
   done
   pkg-config --exists opencv4 || [ -e /usr/include/opencv4/opencv2/core.hpp ] || { echo "setup: OpenCV (core, imgproc, imgcodecs) development files are missing" >&2; exit 1; }

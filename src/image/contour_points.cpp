@@ -38,6 +38,43 @@ struct ContourStat {
     bool selected = false;
 };
 
+// Table slots of the contour identifiers in 0 .. maxIdx: the identifier
+// itself while the largest one present is small next to the number of points
+// (the usual numbering 0, 1, 2, ...), otherwise its rank among the distinct
+// identifiers, so that the table never outgrows the input however large the
+// identifiers are. -1 for an identifier that belongs to no contour.
+class ContourSlots {
+public:
+    ContourSlots(const std::vector<SHX_contourPtInfo>& pts, int32_t maxIdx) : maxIdx_(maxIdx) {
+        int32_t largest = -1;
+        for (const SHX_contourPtInfo& p : pts)
+            if (inTable(p.contourIdx)) largest = std::max(largest, p.contourIdx);
+        if (static_cast<uint64_t>(largest) + 1 <= kDirectSlack + 2 * static_cast<uint64_t>(pts.size())) {
+            count_ = static_cast<size_t>(largest + 1);
+            return;
+        }
+        for (const SHX_contourPtInfo& p : pts)
+            if (inTable(p.contourIdx)) ranked_.push_back(p.contourIdx);
+        std::sort(ranked_.begin(), ranked_.end());
+        ranked_.erase(std::unique(ranked_.begin(), ranked_.end()), ranked_.end());
+        count_ = ranked_.size();
+    }
+    size_t count() const { return count_; }
+    int64_t slot(int32_t id) const {
+        if (!inTable(id)) return -1;
+        if (ranked_.empty()) return id < static_cast<int64_t>(count_) ? id : -1;
+        const auto it = std::lower_bound(ranked_.begin(), ranked_.end(), id);
+        return it != ranked_.end() && *it == id ? it - ranked_.begin() : -1;
+    }
+
+private:
+    static constexpr uint64_t kDirectSlack = 1024;
+    bool inTable(int32_t id) const { return id >= 0 && id <= maxIdx_; }
+    int32_t maxIdx_;
+    size_t count_ = 0;
+    std::vector<int32_t> ranked_;
+};
+
 // Dropped contours are those with at most 3/10 of all points.
 constexpr int64_t kMinShareNum = 3;
 constexpr int64_t kMinShareDen = 10;
@@ -97,29 +134,27 @@ PA_API void hx_contourPostProc(const std::vector<SHX_contourPtInfo>& contourPts,
     majorityOut = 0;
     if (contourPts.empty()) return;
 
-    // The table grows to the largest identifier met, so an overstated
-    // maxContourIdx costs nothing. Identifiers outside 0 .. maxContourIdx
-    // belong to no contour.
-    std::vector<ContourStat> table;
-    std::vector<int32_t> order;  // identifiers in order of first appearance
+    // One table slot per identifier in 0 .. maxContourIdx; an overstated
+    // maxContourIdx or large identifiers cost nothing.
+    const ContourSlots slots(contourPts, maxContourIdx);
+    std::vector<ContourStat> table(slots.count());
+    std::vector<int64_t> order;  // slots in order of first appearance
     for (const SHX_contourPtInfo& p : contourPts) {
-        const int32_t id = p.contourIdx;
-        if (id < 0 || id > maxContourIdx) continue;
-        if (static_cast<size_t>(id) >= table.size()) table.resize(static_cast<size_t>(id) + 1);
-        ContourStat& s = table[static_cast<size_t>(id)];
-        if (s.count == 0) order.push_back(id);
+        const int64_t slot = slots.slot(p.contourIdx);
+        if (slot < 0) continue;
+        ContourStat& s = table[static_cast<size_t>(slot)];
+        if (s.count == 0) order.push_back(slot);
         ++s.count;
         s.distSum += p.seedDist;
     }
     if (order.empty()) return;
-    const int32_t tableMax = static_cast<int32_t>(table.size()) - 1;
 
     const int64_t n = static_cast<int64_t>(contourPts.size());
     const int64_t minCount = (kMinShareNum * n) / kMinShareDen;
     bool haveReference = false;
     double referenceMean = 0.0;
-    for (int32_t id : order) {
-        ContourStat& s = table[static_cast<size_t>(id)];
+    for (int64_t slot : order) {
+        ContourStat& s = table[static_cast<size_t>(slot)];
         if (s.count <= minCount) {
             s.count = 0;
             continue;
@@ -134,8 +169,8 @@ PA_API void hx_contourPostProc(const std::vector<SHX_contourPtInfo>& contourPts,
     // first appearance) with one pass over the input: each group's offset is
     // the sum of the sizes of the groups before it.
     int64_t total = 0;
-    for (int32_t id : order) {
-        ContourStat& s = table[static_cast<size_t>(id)];
+    for (int64_t slot : order) {
+        ContourStat& s = table[static_cast<size_t>(slot)];
         if (s.count == 0) continue;
         const double mean = s.distSum / static_cast<double>(s.count);
         if (!(mean - referenceMean < distTolerance)) continue;
@@ -148,8 +183,9 @@ PA_API void hx_contourPostProc(const std::vector<SHX_contourPtInfo>& contourPts,
     SHX_2DValueI* out = outPts.data() + base;
     int64_t flagged = 0;
     for (const SHX_contourPtInfo& p : contourPts) {
-        if (p.contourIdx < 0 || p.contourIdx > tableMax) continue;
-        ContourStat& s = table[static_cast<size_t>(p.contourIdx)];
+        const int64_t slot = slots.slot(p.contourIdx);
+        if (slot < 0) continue;
+        ContourStat& s = table[static_cast<size_t>(slot)];
         if (!s.selected) continue;
         out[s.outOffset++] = toValue(p, tag);
         if (flagSet(p.ptFlag)) ++flagged;

@@ -203,6 +203,9 @@ TEST(ContourPostProc, IdentifiersOutsideTheTableBelongToNoContour) {
     EXPECT_TRUE(post(pts, -1, 1.0).out.empty());
     // An overstated maximum changes nothing (and allocates nothing large).
     EXPECT_EQ(show(post(pts, INT_MAX, 1.0).out), "1.0 2.0 3.0 ");
+    // So does an identifier near the top of the int range (no table that large).
+    for (SHX_contourPtInfo& p : pts) p.contourIdx = p.contourIdx == 1 ? INT_MAX - 1 : p.contourIdx;
+    EXPECT_EQ(show(post(pts, INT_MAX, 1.0).out), "1.0 2.0 3.0 ");
 }
 
 namespace {
