@@ -219,106 +219,7 @@ struct Avx2 {
 #undef PA_AVX2_FN
 #endif
 
-// Approximates radToDegLiteral(atan(dz / ady)) for ady >= 0 on four lanes
-// without a libm call: the octant is reduced to a ratio in [0, 1]. Any input
-// for which the exact ratio is NaN (0/0, inf/inf, NaN) gives NaN, so that
-// every decision on such a point falls back to the exact angle.
-template <class O>
-PA_CORNER_INLINE typename O::V approxChordAngle(typename O::V dz, typename O::V ady) {
-    using V = typename O::V;
-    const V zero = O::zero();
-    const V az = O::andNot(O::set1(-0.0), dz);
-    const V steep = O::gt(az, ady);
-    const V v = O::div(O::select(steep, ady, az), O::select(steep, az, ady));
-    // Estrin's scheme: shorter chains than Horner's.
-    const V s = O::mul(v, v);
-    const V s2 = O::mul(s, s);
-    const V s4 = O::mul(s2, s2);
-    const V q0 = O::add(O::set1(kAtan0), O::mul(O::set1(kAtan1), s));
-    const V q1 = O::add(O::set1(kAtan2), O::mul(O::set1(kAtan3), s));
-    const V q2 = O::add(O::set1(kAtan4), O::mul(O::set1(kAtan5), s));
-    const V r1 = O::add(q2, O::mul(O::set1(kAtan6), s2));
-    const V p = O::mul(O::add(O::add(q0, O::mul(q1, s2)), O::mul(r1, s4)), v);
-    const V deg = O::mul(O::select(steep, O::sub(O::set1(kHalfPi), p), p), O::set1(kDegPerRad));
-    return O::select(O::lt(dz, zero), O::sub(zero, deg), deg);
-}
-
-// Approximate corner angle of point k (y, z) with backward neighbour b and
-// forward neighbour f, on four lanes.
-template <class O>
-PA_CORNER_INLINE typename O::V approxCornerAngle(typename O::V yk, typename O::V zk, typename O::V yb,
-                                                 typename O::V zb, typename O::V yf, typename O::V zf) {
-    const typename O::V sign = O::set1(-0.0);
-    const typename O::V bA = approxChordAngle<O>(O::sub(zk, zb), O::andNot(sign, O::sub(yk, yb)));
-    const typename O::V fA = approxChordAngle<O>(O::sub(zf, zk), O::andNot(sign, O::sub(yf, yk)));
-    return O::sub(bA, fA);
-}
-
 inline double exactChordAngle(double dz, double dy) { return radToDegLiteral(std::atan(dz / std::fabs(dy))); }
-
-// The offsets of a first round as doubles (broadcast from memory rather
-// than converted).
-constexpr double kOffsets[kMaxSkip + 3] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14};
-
-// One side's search for the four points of a group.
-template <class O>
-struct SideSearch {
-    typename O::V yEnd, zEnd;  // the point each lane reached
-    typename O::V off;         // offset of that point (anything where none)
-    typename O::V foundMask;   // lanes that reached, as a mask
-    unsigned found = 0;        // lanes that reached, as bits
-    bool exhausted = false;    // every lane ran out of line
-    int32_t lastOffset = 0;    // largest offset tested
-};
-
-// Searches the points l + dir * o (l = 0 .. 3) of yg, zg for o = skip + 1 on,
-// two offsets per round, against points l, up to every lane reaching, limit
-// (beyond which every lane is off the line) or kGroupReach offsets.
-template <class O, int kDir>
-PA_CORNER_INLINE void searchSide(const double* yg, const double* zg, int32_t skip, int32_t limit,
-                                 typename O::V yk, typename O::V zk, typename O::V t, SideSearch<O>& r) {
-    using V = typename O::V;
-    auto reaches = [&](V yo, V zo) {
-        const V dy = O::sub(yk, yo), dz = O::sub(zk, zo);
-        return O::ge(O::add(O::mul(dy, dy), O::mul(dz, dz)), t);
-    };
-    // The first round, which nearly always settles every lane, keeps per
-    // lane the first of its two points that reaches.
-    int32_t o = skip + 1;
-    const V yo0 = O::load(yg + kDir * o), zo0 = O::load(zg + kDir * o);
-    const V yo1 = O::load(yg + kDir * (o + 1)), zo1 = O::load(zg + kDir * (o + 1));
-    const V r0 = reaches(yo0, zo0);
-    V found = O::orV(r0, reaches(yo1, zo1));
-    V off = O::select(r0, O::set1(kOffsets[o]), O::set1(kOffsets[o + 1]));
-    V yE = O::select(r0, yo0, yo1), zE = O::select(r0, zo0, zo1);
-    // Lanes not yet found hold anything; the later rounds overwrite them.
-    auto test = [&](int32_t o) {
-        const V yo = O::load(yg + kDir * o), zo = O::load(zg + kDir * o);
-        const V fresh = O::andNot(found, reaches(yo, zo));
-        off = O::select(fresh, O::set1(static_cast<double>(o)), off);
-        yE = O::select(fresh, yo, yE);
-        zE = O::select(fresh, zo, zE);
-        found = O::orV(found, fresh);
-    };
-    for (;; o += 2) {
-        if (o > skip + 1) {
-            test(o);
-            test(o + 1);
-        }
-        r.found = O::bits(found);
-        if (r.found == 0xFu) break;
-        if (o + 1 >= limit) {
-            r.exhausted = true;
-            break;
-        }
-        if (o + 1 >= skip + kGroupReach) break;
-    }
-    r.lastOffset = o + 1;
-    r.yEnd = yE;
-    r.zEnd = zE;
-    r.off = off;
-    r.foundMask = found;
-}
 
 // The working arrays of one line as the group kernel sees them.
 struct GroupLine {
@@ -333,82 +234,30 @@ struct GroupLine {
     double t;
 };
 
-// Neighbours and corner angles of the groups of four whose neighbours all lie
-// within the group's reach; returns the points left to the caller through
-// pending (bit l of group g: pending[g] & (1 << l)), with the next point to
-// test on an unfinished side j stored as -1 - j in back / fwd. Returns the
-// number of points covered by whole groups; anyPending tells whether any
-// point is left.
-template <class O>
-PA_CORNER_INLINE int32_t groupKernel(const GroupLine& L, uint8_t* pending, bool& anyPending) {
-    using V = typename O::V;
-    const int32_t m = L.m;
-    const V t = O::set1(L.t);
-    const V lanes = O::set(0.0, 1.0, 2.0, 3.0), minusOne = O::set1(-1.0);
-    // The points reached by a block of groups: backward y, z, forward y, z.
-    double ends[kBlockGroups][4][kGroup];
-    int32_t k0 = 0;
-    for (int32_t n = 0; k0 + kGroup <= m; k0 += kGroup) {
-        const int32_t g = k0 >> kGroupShift;
-        const V yk = O::load(L.y + k0), zk = O::load(L.z + k0);
-        SideSearch<O> f, b;
-        searchSide<O, 1>(L.y + k0, L.z + k0, L.skipF[g], m - 1 - k0, yk, zk, t, f);
-        searchSide<O, -1>(L.y + k0, L.z + k0, L.skipB[g], k0 + kGroup - 1, yk, zk, t, b);
-        const unsigned both = f.found & b.found;
-        O::store(ends[n][0], b.yEnd);
-        O::store(ends[n][1], b.zEnd);
-        O::store(ends[n][2], f.yEnd);
-        O::store(ends[n][3], f.zEnd);
-        if (++n == kBlockGroups || k0 + 2 * kGroup > m) {
-            // The angles of the block, in a loop without branches whose
-            // divisions overlap.
-            const int32_t start = k0 + kGroup - n * kGroup;
-            for (int32_t i = 0; i < n; ++i) {
-                const int32_t kk = start + i * kGroup;
-                O::store(L.approxC + kk, approxCornerAngle<O>(O::load(L.y + kk), O::load(L.z + kk), O::load(ends[i][0]),
-                                                              O::load(ends[i][1]), O::load(ends[i][2]),
-                                                              O::load(ends[i][3])));
-            }
-            n = 0;
-        }
-        // Neighbour indices, -1 unless both sides reached (whole numbers,
-        // exact in double).
-        const V bothMask = O::andV(f.foundMask, b.foundMask);
-        const V kv = O::add(O::set1(static_cast<double>(k0)), lanes);  // k0 + l
-        O::storeInt(L.fwd + k0, O::select(bothMask, O::add(kv, f.off), minusOne));
-        O::storeInt(L.back + k0, O::select(bothMask, O::sub(kv, b.off), minusOne));
-        pending[g] = 0;
-        if (both != 0xFu) {
-            double fOff[4], bOff[4];
-            O::store(fOff, f.off);
-            O::store(bOff, b.off);
-            // A lane is finished without angles when a side ran out of line
-            // and it found nothing there; otherwise it goes on alone.
-            unsigned open = 0;
-            for (int32_t l = 0; l < kGroup; ++l) {
-                const int32_t k = k0 + l;
-                // The next point a side would test, off the line when it has
-                // run out.
-                const int32_t fNext = k + f.lastOffset + 1, bNext = k - b.lastOffset - 1;
-                const bool fNone = !((f.found >> l) & 1u) && (f.exhausted || fNext > m - 1);
-                const bool bNone = !((b.found >> l) & 1u) && (b.exhausted || bNext < 0);
-                if (((both >> l) & 1u) || fNone || bNone) continue;
-                open |= 1u << l;
-                L.fwd[k] = (f.found >> l) & 1u ? k + static_cast<int32_t>(fOff[l]) : -1 - fNext;
-                L.back[k] = (b.found >> l) & 1u ? k - static_cast<int32_t>(bOff[l]) : -1 - bNext;
-            }
-            pending[g] = static_cast<uint8_t>(open);
-            anyPending |= open != 0;
-        }
-    }
-    return k0;
-}
+#include "corner_angles_group.inc"
 
 #if PA_AVX2_KERNELS
-__attribute__((target("avx2"), flatten, noinline)) inline int32_t groupKernelAvx2(const GroupLine& L, uint8_t* pending,
-                                                                                  bool& anyPending) {
-    return groupKernel<Avx2>(L, pending, anyPending);
+// The same four-lane code compiled for AVX2: every function in the region
+// carries the target.
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
+#else
+#pragma GCC push_options
+#pragma GCC target("avx2")
+#endif
+namespace avx2 {
+#include "corner_angles_group.inc"
+
+__attribute__((flatten, noinline)) inline int32_t groupKernelAvx2(const GroupLine& L, uint8_t* pending, bool& anyPending) {
+    return avx2::groupKernel<Avx2>(L, pending, anyPending);
 }
+}  // namespace avx2
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
+#pragma GCC pop_options
+#endif
+using avx2::groupKernelAvx2;
 #endif
 
 

@@ -486,8 +486,9 @@ void searchWindows(const Samples& s, int32_t W, int32_t H, bool outerMovesY, std
                             continue;
                         }
                         // Bitwise operators keep this free of hard-to-predict branches.
-                        const bool take = Samples::better(c->value, bc->value) |
-                                          ((c->value == bc->value) & before(c->x, c->band, bc->x, bc->band));
+                        const bool take = (static_cast<int>(Samples::better(c->value, bc->value)) |
+                                           (static_cast<int>(c->value == bc->value) &
+                                            static_cast<int>(before(c->x, c->band, bc->x, bc->band)))) != 0;
                         bc = take ? c : bc;
                     }
                 }
