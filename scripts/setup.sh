@@ -3,7 +3,9 @@
 # apt-get; elsewhere it names what is missing and stops.
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev libgtest-dev libbenchmark-dev)
+# clang and its runtime: CXX=clang++ make test; libhwy-dev: the vector kernels.
+packages=(cmake g++ make pkg-config libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev libgtest-dev libbenchmark-dev
+          clang libclang-rt-14-dev libhwy-dev)
 
 missing=()
 for p in "${packages[@]}"; do
