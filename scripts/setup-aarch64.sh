@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Installs what the aarch64 cross build (make test-aarch64) needs on a
 # Debian/Ubuntu x86-64 machine: the cross compiler, qemu-user to run the tests,
-# and OpenCV and GoogleTest for arm64 through multiarch. Only OpenCV's
+# and OpenCV, Highway and GoogleTest for arm64 through multiarch. Only OpenCV's
 # per-module packages install beside the amd64 ones (the all-modules package
 # does not), so core and imgproc (which the tests use) are taken.
 set -euo pipefail
 
-packages=(g++-aarch64-linux-gnu qemu-user libopencv-core-dev:arm64 libopencv-imgproc-dev:arm64 libgtest-dev:arm64)
+packages=(g++-aarch64-linux-gnu qemu-user libopencv-core-dev:arm64 libopencv-imgproc-dev:arm64 libgtest-dev:arm64
+          libhwy-dev:arm64)
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"; }
 
