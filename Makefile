@@ -41,7 +41,9 @@ sanitize:
 
 # The cross build takes its own packages (arm64 libraries through multiarch),
 # so plain make test never installs them. The demo and the benchmarks are left
-# out: their libraries are not installed for arm64.
+# out: their libraries are not installed for arm64. The comparison of the
+# labelling with OpenCV's on large random images is left out too: under
+# emulation it runs for more than a quarter of an hour.
 setup-aarch64:
 	@bash scripts/setup-aarch64.sh
 
@@ -49,7 +51,7 @@ test-aarch64: setup-aarch64
 	cmake -S . -B build-aarch64 -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake -DCMAKE_BUILD_TYPE=Release \
 	  -DPA_BUILD_EXAMPLES=OFF -DPA_BUILD_BENCHMARKS=OFF $(CMAKE_ARGS)
 	cmake --build build-aarch64 -j $(JOBS)
-	cd build-aarch64 && ctest --output-on-failure -j $(JOBS)
+	cd build-aarch64 && ctest --output-on-failure -j $(JOBS) -E AgreesWithOpenCvOnRandomImages
 
 clean:
 	rm -rf build build-clang build-sanitize build-aarch64
