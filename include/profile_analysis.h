@@ -19,9 +19,11 @@
 //  - Output vectors are appended to and never cleared, unless a routine's
 //    comment says it replaces its output. Routines that change their inputs in
 //    place say so.
-//  - Results do not depend on the processor: the local-peak, corner, jump and
-//    glove-arc detectors run AVX2 kernels where the processor has AVX2 (chosen
-//    at run time) and portable ones elsewhere, and both give the same bits.
+//  - Results do not depend on the compiler or the processor: the local-peak,
+//    corner, jump and glove-arc detectors run vector kernels chosen at run
+//    time (SSE4, AVX2, AVX-512 on x86-64, NEON and SVE on aarch64 for local
+//    peaks; AVX2 for the others) and portable ones elsewhere, and all give
+//    the same bits (no fused multiply-add anywhere).
 #ifndef PROFILE_ANALYSIS_H
 #define PROFILE_ANALYSIS_H
 

@@ -3,12 +3,14 @@
 # apt-get; elsewhere it names what is missing and stops.
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev libgtest-dev libbenchmark-dev)
+# clang and its runtime: CXX=clang++ make test, make fuzz, make tsan;
+# libhwy-dev: the vector kernels.
+packages=(cmake g++ make pkg-config libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev libgtest-dev libbenchmark-dev
+          clang libclang-rt-14-dev libhwy-dev)
 # The Python module, its tests, wheel and example, for the system's own python3.
 packages+=(python3-dev python3-numpy pybind11-dev python3-pytest python3-pip python3-venv python3-setuptools python3-wheel python3-matplotlib)
-# `setup.sh clang` also installs Clang with its sanitizer and libFuzzer
-# runtimes, for `make fuzz` and `make tsan`.
-if [ "${1:-}" = clang ]; then packages+=(clang libclang-rt-dev); fi
+# libFuzzer for `make fuzz` (`setup.sh clang`).
+if [ "${1:-}" = clang ]; then packages+=(libfuzzer-14-dev); fi
 
 missing=()
 for p in "${packages[@]}"; do

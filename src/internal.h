@@ -10,12 +10,20 @@
 
 #include "profile_analysis.h"
 
-// Some detectors have AVX2 variants of their kernels, compiled with GCC or
-// Clang for x86-64 and chosen at run time; other builds and processors run the
-// portable kernels, which give identical results. Defining
-// PA_PORTABLE_KERNELS leaves the AVX2 variants out (the sanitizer build does,
-// so that the test suite covers the portable kernels too). The AVX2 variants
-// never enable fused multiply-add, which would change results.
+// Vector kernels. The local-peaks kernel is written once with Highway and
+// compiled for every target of the processor family (SSSE3, SSE4, AVX2,
+// AVX-512 on x86-64; NEON, SVE on aarch64); the corner, jump and glove-arc
+// detectors have hand-written AVX2 kernels for x86-64 beside their portable
+// ones, each AVX2 function compiled for its target only. One choice governs
+// them all: Highway's run-time target (chosenVectorTarget below), the best the
+// processor has, which a test or fuzz target can restrict with
+// hwy::SetSupportedTargetsForTest(mask) (0 restores the processor's own) to
+// run every path in turn; the AVX2 kernels run when that target is AVX2 or
+// better. Every path gives identical results, and none enables fused
+// multiply-add, which would change them. Defining PA_PORTABLE_KERNELS leaves
+// the AVX2 kernels out and compiles the Highway kernels for the portable
+// target only (the sanitizer build does, so that the test suite covers the
+// portable kernels too).
 #if (defined(__GNUC__) || defined(__clang__)) && defined(__x86_64__) && !defined(PA_PORTABLE_KERNELS)
 #define PA_AVX2_KERNELS 1
 #include <immintrin.h>
@@ -76,7 +84,17 @@ inline double squaredReachThreshold(double len) {
 // Wide-vector kernels
 // ---------------------------------------------------------------------------
 
-/// True when the AVX2 kernels are built in and the processor has AVX2.
+/// Highway's target for the vector kernels (an HWY_* bit): the best the
+/// processor supports among those compiled, or the best of the targets set by
+/// hwy::SetSupportedTargetsForTest.
+int64_t chosenVectorTarget();
+
+/// Whether the detectors run their AVX2 kernels: built in, and the chosen
+/// vector target is AVX2 or better. The library's detectors decide by this.
+bool avx2KernelsChosen();
+
+/// True when the AVX2 kernels are built in and the processor has AVX2 (the
+/// kernel tests run both paths where it is).
 inline bool avx2KernelsUsable() {
 #if PA_AVX2_KERNELS
     __builtin_cpu_init();  // a no-op once the runtime's own start-up has run it

@@ -74,7 +74,7 @@ PA_API void hx_getLineCornerFeature(const SKesp3DPosition* points, int32_t point
 
     CornerAngleList list;
     std::vector<CornerSegment> segs;
-    list.build(points, pointCount, param.jumpZ, param.armLen, false, &segs, pa_detail::avx2KernelsUsable());
+    list.build(points, pointCount, param.jumpZ, param.armLen, false, &segs, pa_detail::avx2KernelsChosen());
     appendCorners(points, list, lineIdx, param, out->features);
 
     joinSegments(points, segs, param);

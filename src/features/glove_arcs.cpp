@@ -6,5 +6,5 @@
 
 PA_API void rk_getLineGloveArcs(const std::vector<SKesp3DPosition>& linePts, int lineIdx, SHX_gloveArcParam param,
                                 std::vector<SHX_basicFeature1D>& gloveArcs) {
-    pa_detail::glove_arcs::detect(linePts, lineIdx, param, gloveArcs, pa_detail::avx2KernelsUsable());
+    pa_detail::glove_arcs::detect(linePts, lineIdx, param, gloveArcs, pa_detail::avx2KernelsChosen());
 }

@@ -63,7 +63,7 @@ PA_API void hx_getLineJumpFeature_cornerMethod(const SKesp3DPosition* points, in
     if (points == nullptr || pointCount < 1) return;
 
     CornerAngleList list;
-    list.build(points, pointCount, param.jumpZ, param.armLen, true, nullptr, pa_detail::avx2KernelsUsable());
+    list.build(points, pointCount, param.jumpZ, param.armLen, true, nullptr, pa_detail::avx2KernelsChosen());
 
     std::vector<TypedCorner> convex, concave;
     typeCorners(list, list.maxima(), false, param, convex);

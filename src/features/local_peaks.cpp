@@ -1,11 +1,25 @@
 // Local z maxima and minima of a profile, and upward jumps between valid points.
+//
+// The local-peaks kernel is written once with Highway's portable vector
+// operations and compiled for every target family of the processor (SSSE3,
+// SSE4, AVX2, AVX-512 on x86-64; NEON, SVE on aarch64; plain C++ elsewhere);
+// the best one the processor has is chosen at run time. Every target gives
+// identical results: each lane operation is one IEEE operation or comparison,
+// and no multiply is fused with an add.
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 
 #include "internal.h"
 
-// The local-peaks kernel has an AVX2 variant, chosen at run time (see
-// PA_AVX2_KERNELS in internal.h); both give identical results.
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "features/local_peaks.cpp"
+#include <hwy/foreach_target.h>  // includes this file once per target
+#include <hwy/highway.h>
+
+// Code shared by all targets, compiled once.
+#ifndef PROFILE_ANALYSIS_LOCAL_PEAKS_SHARED
+#define PROFILE_ANALYSIS_LOCAL_PEAKS_SHARED
 
 using pa_detail::isValidZ;
 
@@ -56,21 +70,20 @@ void localPeaksKernel(SKesp3DPosition* points, int32_t pointCount, int32_t lineI
     suppress(cands.firstPeakPos(), cands.peakCount(), [](double vk, double vj) { return vj > vk; }, kTypePeak, peaks);
 }
 
-#if PA_AVX2_KERNELS
-
-// ---------------------------------------------------------------------------
-// AVX2 kernel
-//
-// The scan takes the line in blocks of eight points. A block whose points are
-// all valid and already numbered (the usual case: gaps are rare and a line
-// keeps its numbers from one call to the next) is settled from two bit masks,
-// the up and down changes of its eight points, without a branch on the data;
-// any other block goes point by point. Every few hundred points the x, y and
-// z of the candidates found are copied into short arrays per kind, while their
-// points are still in the first-level cache. Each candidate is then compared
-// with its four nearest neighbours on either side at once, the scan going on
-// one neighbour at a time only where all four are within range.
-// ---------------------------------------------------------------------------
+void downJumpsKernel(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double jumpThreshold,
+                     std::vector<SHX_basicFeature1D>& jumps) {
+    int32_t prev = -1;
+    double prevZ = 0.0;
+    for (int32_t i = 0; i < pointCount; ++i) {
+        setPointIndex(points[i], i);
+        const double z = points[i].z;
+        if (!isValidZ(z)) continue;
+        // The record is the near side of the jump: the last valid point before it.
+        if (prev >= 0 && z - prevZ > jumpThreshold) jumps.push_back(makeFeature(kTypeDownJump, lineIdx, points[prev]));
+        prev = i;
+        prevZ = z;
+    }
+}
 
 static_assert(sizeof(SKesp3DPosition) == 4 * sizeof(double) && offsetof(SKesp3DPosition, nPointIdx) == 0 &&
                   offsetof(SKesp3DPosition, z) == 3 * sizeof(double),
@@ -190,111 +203,6 @@ private:
     double smallValues_[6 * kSmallStride];
 };
 
-// Candidate scan: the candidates' indices go to store.order() in line order,
-// their coordinates into the store. Returns their number; firstIsPeak tells
-// the kind of the first.
-__attribute__((target("avx2"))) size_t scanCandidatesAvx2(SKesp3DPosition* points, int32_t count,
-                                                          CandidateStore& store, bool& firstIsPeak) {
-    int32_t* const order = store.order();
-    size_t n = 0;
-    // The candidates are copied chunk by chunk, while their points are still
-    // in the first-level cache.
-    size_t copied = 0;
-    const auto copyFound = [&] {
-        store.copyFrom(points, copied, n);
-        copied = n;
-    };
-    int32_t prev = 0;
-    double prevV = 0.0;
-    int trend = 0;
-    int32_t i = 0;
-    for (; i < count; ++i) {
-        setPointIndex(points[i], i);
-        if (isValidZ(points[i].z)) {
-            prev = i;
-            prevV = points[i].z;
-            ++i;
-            break;
-        }
-    }
-    for (; i < count; ++i) {
-        setPointIndex(points[i], i);
-        if (isValidZ(points[i].z)) {
-            const double d = points[i].z - prevV;
-            prev = i;
-            prevV = points[i].z;
-            trend = (d > 0) - (d < 0);
-            if (trend != 0) {
-                ++i;
-                break;
-            }
-        }
-    }
-    firstIsPeak = trend > 0;
-    unsigned rising = firstIsPeak ? 1u : 0u;
-    // One point at a time, as the portable scanner does.
-    const auto step = [&](int32_t k) { pa_detail::trendStep(order, n, prev, prevV, rising, k, points[k].z); };
-    const __m256d validZ = _mm256_set1_pd(pa_detail::kValidZ);
-    const __m256i lanes = _mm256_setr_epi64x(0, 1, 2, 3);
-    for (int32_t chunkEnd = i; i + kBlock <= count; i += kBlock) {
-        if (i >= chunkEnd) {
-            copyFound();
-            chunkEnd = i + kChunk;
-        }
-        const double* p = reinterpret_cast<const double*>(points + i);
-        const __m256d p0 = _mm256_loadu_pd(p), p1 = _mm256_loadu_pd(p + 4), p2 = _mm256_loadu_pd(p + 8),
-                      p3 = _mm256_loadu_pd(p + 12), p4 = _mm256_loadu_pd(p + 16), p5 = _mm256_loadu_pd(p + 20),
-                      p6 = _mm256_loadu_pd(p + 24), p7 = _mm256_loadu_pd(p + 28);
-        // z of points 0-3 and 4-7, and their nPointIdx.
-        const __m256d z0 = _mm256_permute2f128_pd(_mm256_unpackhi_pd(p0, p1), _mm256_unpackhi_pd(p2, p3), 0x31);
-        const __m256d z1 = _mm256_permute2f128_pd(_mm256_unpackhi_pd(p4, p5), _mm256_unpackhi_pd(p6, p7), 0x31);
-        const __m256i idx0 =
-            _mm256_castpd_si256(_mm256_permute2f128_pd(_mm256_unpacklo_pd(p0, p1), _mm256_unpacklo_pd(p2, p3), 0x20));
-        const __m256i idx1 =
-            _mm256_castpd_si256(_mm256_permute2f128_pd(_mm256_unpacklo_pd(p4, p5), _mm256_unpacklo_pd(p6, p7), 0x20));
-        const __m256i want0 = _mm256_add_epi64(_mm256_set1_epi64x(i), lanes);
-        const __m256i want1 = _mm256_add_epi64(want0, _mm256_set1_epi64x(4));
-        const __m256d numbered =
-            _mm256_castsi256_pd(_mm256_and_si256(_mm256_cmpeq_epi64(idx0, want0), _mm256_cmpeq_epi64(idx1, want1)));
-        const __m256d valid = _mm256_and_pd(_mm256_cmp_pd(z0, validZ, _CMP_GE_OQ), _mm256_cmp_pd(z1, validZ, _CMP_GE_OQ));
-        if (_mm256_movemask_pd(_mm256_and_pd(valid, numbered)) != 0xF) {
-            for (int32_t k = i; k < i + kBlock; ++k) {
-                setPointIndex(points[k], k);
-                if (isValidZ(points[k].z)) step(k);
-            }
-            continue;
-        }
-        // Each point's predecessor: prev, then points 0-6. z > before and
-        // z < before are d > 0 and d < 0 (both false for inf - inf).
-        const __m256d before0 = _mm256_blend_pd(_mm256_permute4x64_pd(z0, 0x90), _mm256_set1_pd(prevV), 1);
-        const __m256d before1 = _mm256_blend_pd(_mm256_permute4x64_pd(z1, 0x90), _mm256_permute4x64_pd(z0, 0xFF), 1);
-        const unsigned up = unsigned(_mm256_movemask_pd(_mm256_cmp_pd(z0, before0, _CMP_GT_OQ))) |
-                            unsigned(_mm256_movemask_pd(_mm256_cmp_pd(z1, before1, _CMP_GT_OQ))) << 4;
-        const unsigned down = unsigned(_mm256_movemask_pd(_mm256_cmp_pd(z0, before0, _CMP_LT_OQ))) |
-                              unsigned(_mm256_movemask_pd(_mm256_cmp_pd(z1, before1, _CMP_LT_OQ))) << 4;
-        const unsigned turns = blockCandidates(up, down, rising);
-        // The candidate before position t is point i + t - 1, or prev for t
-        // = 0 (prev lies further back when the block follows a gap). All
-        // eight slots are written; the count advances by the number of turns.
-        const uint64_t* positions = &kBlockTables.positions[turns];
-        const __m256i found =
-            _mm256_add_epi32(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(positions))),
-                             _mm256_set1_epi32(i - 1));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(order + n), found);
-        order[n] = (turns & 1u) ? prev : i - 1 + static_cast<int32_t>(*positions & 0xFFu);
-        n += kBlockTables.counts[turns];
-        prev = i + kBlock - 1;
-        prevV = _mm256_cvtsd_f64(_mm256_permute4x64_pd(z1, 0xFF));
-    }
-    for (; i < count; ++i) {
-        setPointIndex(points[i], i);
-        if (isValidZ(points[i].z)) step(i);
-    }
-    if (trend != 0 && !isValidZ(points[count - 1].z)) order[n++] = prev;
-    copyFound();
-    return n;
-}
-
 // The verdict on the four lanes of one side of a candidate, indexed by the
 // mask of lanes out of range plus the mask of rejecting lanes shifted by 4:
 // kSideRejects when a lane nearer than every lane out of range rejects,
@@ -328,6 +236,160 @@ constexpr SideTables makeSideTables() {
 
 constexpr SideTables kSideTables = makeSideTables();
 
+}  // namespace
+
+#endif  // PROFILE_ANALYSIS_LOCAL_PEAKS_SHARED
+
+// ---------------------------------------------------------------------------
+// Vector kernel, once per target
+//
+// The scan takes the line in blocks of eight points. A block whose points are
+// all valid and already numbered (the usual case: gaps are rare and a line
+// keeps its numbers from one call to the next) is settled from two bit masks,
+// the up and down changes of its eight points, without a branch on the data;
+// any other block goes point by point. Every few hundred points the x, y and
+// z of the candidates found are copied into short arrays per kind, while their
+// points are still in the first-level cache. Each candidate is then compared
+// with its four nearest neighbours on either side at once, the scan going on
+// one neighbour at a time only where all four are within range. Vectors hold
+// up to four doubles; narrower ones take the eight points and the four
+// neighbours in turns.
+// ---------------------------------------------------------------------------
+
+HWY_BEFORE_NAMESPACE();
+namespace pa_detail {
+namespace local_peaks {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+#if HWY_TARGET == HWY_EMU128 || HWY_TARGET == HWY_SCALAR
+// Without vector registers the plain kernel is the fastest.
+void localPeaksVector(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double peakRangeY,
+                      std::vector<SHX_basicFeature1D>& peaks, std::vector<SHX_basicFeature1D>& valleys) {
+    localPeaksKernel(points, pointCount, lineIdx, peakRangeY, peaks, valleys);
+}
+#else
+using D = hn::CappedTag<double, 4>;
+using V = hn::Vec<D>;
+
+// The lanes of a mask as bits (lane 0 in bit 0).
+HWY_INLINE unsigned laneBits(D d, hn::Mask<D> m) {
+    uint8_t bits[8] = {0};
+    hn::StoreMaskBits(d, m, bits);
+    return bits[0];
+}
+
+// Candidate scan: the candidates' indices go to store.order() in line order,
+// their coordinates into the store. Returns their number; firstIsPeak tells
+// the kind of the first.
+size_t scanCandidates(SKesp3DPosition* points, int32_t count, CandidateStore& store, bool& firstIsPeak) {
+    const D d;
+    const hn::RebindToSigned<D> di;
+    const int32_t lanes = static_cast<int32_t>(hn::Lanes(d));
+    const hn::CappedTag<int32_t, kBlock> d32;
+    const hn::Rebind<uint8_t, decltype(d32)> d8;
+    const int32_t lanes32 = static_cast<int32_t>(hn::Lanes(d32));
+    int32_t* const order = store.order();
+    size_t n = 0;
+    // The candidates are copied chunk by chunk, while their points are still
+    // in the first-level cache.
+    size_t copied = 0;
+    const auto copyFound = [&] {
+        store.copyFrom(points, copied, n);
+        copied = n;
+    };
+    int32_t prev = 0;
+    double prevV = 0.0;
+    int trend = 0;
+    int32_t i = 0;
+    for (; i < count; ++i) {
+        setPointIndex(points[i], i);
+        if (isValidZ(points[i].z)) {
+            prev = i;
+            prevV = points[i].z;
+            ++i;
+            break;
+        }
+    }
+    for (; i < count; ++i) {
+        setPointIndex(points[i], i);
+        if (isValidZ(points[i].z)) {
+            const double dz = points[i].z - prevV;
+            prev = i;
+            prevV = points[i].z;
+            trend = (dz > 0) - (dz < 0);
+            if (trend != 0) {
+                ++i;
+                break;
+            }
+        }
+    }
+    firstIsPeak = trend > 0;
+    unsigned rising = firstIsPeak ? 1u : 0u;
+    // One point at a time, as the portable scanner does.
+    const auto step = [&](int32_t k) { pa_detail::trendStep(order, n, prev, prevV, rising, k, points[k].z); };
+    const V validZ = hn::Set(d, pa_detail::kValidZ);
+    const auto allLanes = hn::FirstN(d, static_cast<size_t>(lanes));
+    const auto firstLane = hn::FirstN(d, 1);
+    // Lane l of a point's predecessor is lane l - 1 of the same vector; lane 0
+    // takes the last lane of the vector before.
+    HWY_ALIGN int64_t shiftIdx[4], lastIdx[4];
+    for (int32_t l = 0; l < 4; ++l) {
+        shiftIdx[l] = l == 0 ? 0 : l - 1;
+        lastIdx[l] = lanes - 1;
+    }
+    const auto shiftUp = hn::SetTableIndices(d, shiftIdx), lastLane = hn::SetTableIndices(d, lastIdx);
+    for (int32_t chunkEnd = i; i + kBlock <= count; i += kBlock) {
+        if (i >= chunkEnd) {
+            copyFound();
+            chunkEnd = i + kChunk;
+        }
+        const double* p = reinterpret_cast<const double*>(points + i);
+        auto settled = allLanes;
+        // z > before and z < before are d > 0 and d < 0 (both false for
+        // inf - inf); the first point's predecessor is prev.
+        unsigned up = 0, down = 0;
+        V carry = hn::Set(d, prevV);
+        for (int32_t o = 0; o < kBlock; o += lanes) {
+            V idx, x, y, z;
+            hn::LoadInterleaved4(d, p + 4 * o, idx, x, y, z);
+            const auto numbered = hn::RebindMask(d, hn::Eq(hn::BitCast(di, idx), hn::Iota(di, int64_t{i} + o)));
+            settled = hn::And(settled, hn::And(numbered, hn::Ge(z, validZ)));
+            const V before =
+                hn::IfThenElse(firstLane, hn::TableLookupLanes(carry, lastLane), hn::TableLookupLanes(z, shiftUp));
+            up |= laneBits(d, hn::Gt(z, before)) << o;
+            down |= laneBits(d, hn::Lt(z, before)) << o;
+            carry = z;
+        }
+        if (!hn::AllTrue(d, settled)) {
+            for (int32_t k = i; k < i + kBlock; ++k) {
+                setPointIndex(points[k], k);
+                if (isValidZ(points[k].z)) step(k);
+            }
+            continue;
+        }
+        const unsigned turns = blockCandidates(up, down, rising);
+        // The candidate before position t is point i + t - 1, or prev for t
+        // = 0 (prev lies further back when the block follows a gap). All
+        // eight slots are written; the count advances by the number of turns.
+        const uint8_t* positions = reinterpret_cast<const uint8_t*>(&kBlockTables.positions[turns]);
+        const auto base = hn::Set(d32, i - 1);
+        for (int32_t t = 0; t < kBlock; t += lanes32)
+            hn::StoreU(hn::Add(hn::PromoteTo(d32, hn::LoadU(d8, positions + t)), base), d32, order + n + t);
+        order[n] = (turns & 1u) ? prev : i - 1 + static_cast<int32_t>(positions[0]);
+        n += kBlockTables.counts[turns];
+        prev = i + kBlock - 1;
+        prevV = points[i + kBlock - 1].z;
+    }
+    for (; i < count; ++i) {
+        setPointIndex(points[i], i);
+        if (isValidZ(points[i].z)) step(i);
+    }
+    if (trend != 0 && !isValidZ(points[count - 1].z)) order[n++] = prev;
+    copyFound();
+    return n;
+}
+
 // Whether candidate k of m (y and v padded with kNeighbours zeros on both
 // sides) is rejected by a neighbour within range: a higher one for peaks, a
 // lower one for valleys. The four nearest on either side are tested at once;
@@ -335,19 +397,21 @@ constexpr SideTables kSideTables = makeSideTables();
 // list, do not count. Where all four of a side are within range and nothing
 // rejected k, the scan goes on one candidate at a time.
 template <bool kPeak>
-__attribute__((target("avx2"))) inline bool rejectedAvx2(const double* y, const double* v, size_t m, size_t k,
-                                                         __m256d r2v, double r2) {
-    const __m256d yk = _mm256_set1_pd(y[k]), vk = _mm256_set1_pd(v[k]);
+HWY_INLINE bool rejected(const double* y, const double* v, size_t m, size_t k, V r2v, double r2) {
+    const D d;
+    const size_t lanes = hn::Lanes(d);
+    const V yk = hn::Set(d, y[k]), vk = hn::Set(d, v[k]);
     // Backward lane l holds candidate k - 4 + l, forward lane l candidate k + 1 + l.
-    const __m256d dB = _mm256_sub_pd(yk, _mm256_loadu_pd(y + k - kNeighbours));
-    const __m256d dF = _mm256_sub_pd(yk, _mm256_loadu_pd(y + k + 1));
-    const __m256d vB = _mm256_loadu_pd(v + k - kNeighbours), vF = _mm256_loadu_pd(v + k + 1);
-    unsigned outB = unsigned(_mm256_movemask_pd(_mm256_cmp_pd(_mm256_mul_pd(dB, dB), r2v, _CMP_GT_OQ)));
-    unsigned outF = unsigned(_mm256_movemask_pd(_mm256_cmp_pd(_mm256_mul_pd(dF, dF), r2v, _CMP_GT_OQ)));
-    const unsigned rejB = unsigned(_mm256_movemask_pd(kPeak ? _mm256_cmp_pd(vB, vk, _CMP_GT_OQ)
-                                                            : _mm256_cmp_pd(vk, vB, _CMP_GT_OQ)));
-    const unsigned rejF = unsigned(_mm256_movemask_pd(kPeak ? _mm256_cmp_pd(vF, vk, _CMP_GT_OQ)
-                                                            : _mm256_cmp_pd(vk, vF, _CMP_GT_OQ)));
+    unsigned outB = 0, outF = 0, rejB = 0, rejF = 0;
+    for (size_t o = 0; o < kNeighbours; o += lanes) {
+        const V dB = hn::Sub(yk, hn::LoadU(d, y + k - kNeighbours + o));
+        const V dF = hn::Sub(yk, hn::LoadU(d, y + k + 1 + o));
+        const V vB = hn::LoadU(d, v + k - kNeighbours + o), vF = hn::LoadU(d, v + k + 1 + o);
+        outB |= laneBits(d, hn::Gt(hn::Mul(dB, dB), r2v)) << o;
+        outF |= laneBits(d, hn::Gt(hn::Mul(dF, dF), r2v)) << o;
+        rejB |= laneBits(d, kPeak ? hn::Gt(vB, vk) : hn::Gt(vk, vB)) << o;
+        rejF |= laneBits(d, kPeak ? hn::Gt(vF, vk) : hn::Gt(vk, vF)) << o;
+    }
     const size_t after = m - 1 - k;
     outB |= 0xFu >> std::min(k, kNeighbours);
     outF |= (0xFu << std::min(after, kNeighbours)) & 0xFu;
@@ -376,20 +440,19 @@ __attribute__((target("avx2"))) inline bool rejectedAvx2(const double* y, const 
 // Suppression over the m candidates of one kind, the entries of parity
 // `parity` in the list; the survivors are appended to out.
 template <bool kPeak>
-__attribute__((target("avx2"))) void suppressAvx2(CandidateStore& store, size_t parity, size_t m, double peakRangeY,
-                                                  int32_t type, int32_t lineIdx,
-                                                  std::vector<SHX_basicFeature1D>& out) {
+void suppress(CandidateStore& store, size_t parity, size_t m, double peakRangeY, int32_t type, int32_t lineIdx,
+              std::vector<SHX_basicFeature1D>& out) {
     int32_t* keep = store.keep();
     store.padAfter(parity, m);
     const double* x = store.field(0, parity);
     const double* y = store.field(1, parity);
     const double* z = store.field(2, parity);
     const double r2 = peakRangeY * peakRangeY;
-    const __m256d r2v = _mm256_set1_pd(r2);
+    const V r2v = hn::Set(D(), r2);
     size_t kept = 0;
     for (size_t k = 0; k < m; ++k) {
         keep[kept] = static_cast<int32_t>(k);
-        kept += !rejectedAvx2<kPeak>(y, z, m, k, r2v, r2);
+        kept += !rejected<kPeak>(y, z, m, k, r2v, r2);
     }
     const int32_t* order = store.order() + parity;
     const size_t old = out.size();
@@ -404,50 +467,36 @@ __attribute__((target("avx2"))) void suppressAvx2(CandidateStore& store, size_t 
     }
 }
 
-__attribute__((target("avx2"))) void localPeaksKernelAvx2(SKesp3DPosition* points, int32_t pointCount,
-                                                          int32_t lineIdx, double peakRangeY,
-                                                          std::vector<SHX_basicFeature1D>& peaks,
-                                                          std::vector<SHX_basicFeature1D>& valleys) {
+void localPeaksVector(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double peakRangeY,
+                      std::vector<SHX_basicFeature1D>& peaks, std::vector<SHX_basicFeature1D>& valleys) {
     CandidateStore store(pointCount);
     bool firstIsPeak = false;
-    const size_t found = scanCandidatesAvx2(points, pointCount, store, firstIsPeak);
+    const size_t found = scanCandidates(points, pointCount, store, firstIsPeak);
     if (found == 0) return;
     const size_t evens = (found + 1) / 2, odds = found / 2;
     const size_t peakParity = firstIsPeak ? 0 : 1;
-    suppressAvx2<false>(store, 1 - peakParity, peakParity ? evens : odds, peakRangeY, kTypeValley, lineIdx, valleys);
-    suppressAvx2<true>(store, peakParity, peakParity ? odds : evens, peakRangeY, kTypePeak, lineIdx, peaks);
+    suppress<false>(store, 1 - peakParity, peakParity ? evens : odds, peakRangeY, kTypeValley, lineIdx, valleys);
+    suppress<true>(store, peakParity, peakParity ? odds : evens, peakRangeY, kTypePeak, lineIdx, peaks);
 }
+#endif
 
+}  // namespace HWY_NAMESPACE
+}  // namespace local_peaks
+}  // namespace pa_detail
+HWY_AFTER_NAMESPACE();
 
-#endif  // PA_AVX2_KERNELS
-
-void downJumpsKernel(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double jumpThreshold,
-                     std::vector<SHX_basicFeature1D>& jumps) {
-    int32_t prev = -1;
-    double prevZ = 0.0;
-    for (int32_t i = 0; i < pointCount; ++i) {
-        setPointIndex(points[i], i);
-        const double z = points[i].z;
-        if (!isValidZ(z)) continue;
-        // The record is the near side of the jump: the last valid point before it.
-        if (prev >= 0 && z - prevZ > jumpThreshold) jumps.push_back(makeFeature(kTypeDownJump, lineIdx, points[prev]));
-        prev = i;
-        prevZ = z;
-    }
-}
-
-}  // namespace
+#if HWY_ONCE
+namespace pa_detail {
+namespace local_peaks {
+HWY_EXPORT(localPeaksVector);
+}  // namespace local_peaks
+}  // namespace pa_detail
 
 PA_API void hx_getLineLocalPeaks(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double peakRangeY,
                                  std::vector<SHX_basicFeature1D>& peaks, std::vector<SHX_basicFeature1D>& valleys) {
     if (points == nullptr || pointCount < 2) return;
-#if PA_AVX2_KERNELS
-    if (pa_detail::avx2KernelsUsable()) {
-        localPeaksKernelAvx2(points, pointCount, lineIdx, peakRangeY, peaks, valleys);
-        return;
-    }
-#endif
-    localPeaksKernel(points, pointCount, lineIdx, peakRangeY, peaks, valleys);
+    using namespace pa_detail::local_peaks;
+    HWY_DYNAMIC_DISPATCH(localPeaksVector)(points, pointCount, lineIdx, peakRangeY, peaks, valleys);
 }
 
 PA_API void hx_getLineDownJumps(SKesp3DPosition* points, int32_t pointCount, int32_t lineIdx, double jumpThreshold,
@@ -455,3 +504,4 @@ PA_API void hx_getLineDownJumps(SKesp3DPosition* points, int32_t pointCount, int
     if (points == nullptr || pointCount < 2) return;
     downJumpsKernel(points, pointCount, lineIdx, jumpThreshold, jumps);
 }
+#endif  // HWY_ONCE
