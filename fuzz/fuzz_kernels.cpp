@@ -1,9 +1,11 @@
 // The vector and the portable kernels of the local-peak, corner, jump and
 // glove-arc detectors on the same fuzzed profile: their outputs must agree bit
-// for bit. The kernels are internal, so this target compiles them in rather
-// than linking the library:
-//  - local peaks: localPeaksKernel and localPeaksKernelAvx2 of local_peaks.cpp
-//    (features and the rewritten point array compared);
+// for bit. The corner and glove-arc kernels are internal, so this target
+// compiles them in; local peaks are run through the library:
+//  - local peaks: hx_getLineLocalPeaks under every vector target the processor
+//    has, restricted in turn with hwy::SetSupportedTargetsForTest (the
+//    non-vector targets run the plain kernel); features and the rewritten
+//    point array compared with the first target's;
 //  - corners and jumps: pa_detail::CornerAngleList::build with avx2 false and
 //    true, as hx_getLineCornerFeature (segments, maxima) and
 //    hx_getLineJumpFeature_cornerMethod (maxima and minima) call it; the rest
@@ -11,13 +13,15 @@
 //    compacted points, neighbours, approximate corner angles, extrema and
 //    segments;
 //  - glove arcs: pa_detail::glove_arcs::detect with avx2 false and true.
-// The vector side runs only where pa_detail::avx2KernelsUsable() is true;
+// The AVX2 side of corners, jumps and glove arcs runs only where
+// pa_detail::avx2KernelsUsable() is true;
 // elsewhere the portable kernels are fuzzed alone.
 #include "fuzz_util.h"
 
 #include "features/corner_angles_kernel.h"
 #include "features/glove_arcs_kernel.h"
-#include "features/local_peaks.cpp"
+
+#include <hwy/targets.h>
 
 using fuzz::sameBits;
 using fuzz::samePoint;
@@ -42,16 +46,26 @@ bool sameIndices(pa_detail::CornerIndexList a, pa_detail::CornerIndexList b) {
 }
 
 void compareLocalPeaks(const std::vector<SKesp3DPosition>& line, double range) {
-    std::vector<SKesp3DPosition> a = line, b = line;
-    Features pa, va, pb, vb;
-    if (a.size() < 2) return;  // the entry point's own guard
-    localPeaksKernel(a.data(), fuzz::count(a), 7, range, pa, va);
-#if PA_AVX2_KERNELS
-    if (!pa_detail::avx2KernelsUsable()) return;
-    localPeaksKernelAvx2(b.data(), fuzz::count(b), 7, range, pb, vb);
-    FUZZ_CHECK(sameFeatures(pa, pb) && sameFeatures(va, vb));
-    for (size_t i = 0; i < a.size(); ++i) FUZZ_CHECK(samePoint(a[i], b[i]));
-#endif
+    std::vector<SKesp3DPosition> first, points;
+    Features firstPeaks, firstValleys, peaks, valleys;
+    bool haveFirst = false;
+    for (const int64_t target : hwy::SupportedAndGeneratedTargets()) {
+        hwy::SetSupportedTargetsForTest(target);
+        points = line;
+        peaks.clear();
+        valleys.clear();
+        hx_getLineLocalPeaks(points.data(), fuzz::count(points), 7, range, peaks, valleys);
+        if (!haveFirst) {
+            first.swap(points);
+            firstPeaks.swap(peaks);
+            firstValleys.swap(valleys);
+            haveFirst = true;
+            continue;
+        }
+        FUZZ_CHECK(sameFeatures(firstPeaks, peaks) && sameFeatures(firstValleys, valleys));
+        for (size_t i = 0; i < points.size(); ++i) FUZZ_CHECK(samePoint(first[i], points[i]));
+    }
+    hwy::SetSupportedTargetsForTest(0);
 }
 
 void compareCornerLists(const std::vector<SKesp3DPosition>& line, double jumpZ, double armLen, bool jumps) {
