@@ -295,26 +295,8 @@ TEST(LVFeature, ArbitrationAndVCheck) {
 
 // ---- Merging of near steps ----
 
-TEST(LVFeature, NearStepsOfOneTypeCollapseIntoTheLaterOne) {
-    Params p;
-    p.zTol = 0.0;
-    p.yTol = 0.0;  // no V
-    // Rising steps at y 0, 14 and 29, each followed by a drop of 1 and a plateau.
-    std::vector<double> z{10, 15, 14};
-    z.resize(15, 14);
-    z.push_back(19);
-    z.push_back(18);
-    z.resize(30, 18);
-    z.push_back(23);
-    z.push_back(22);
-    z.push_back(22);
-    // 14 -> 29 collapses first; the survivor at 29 is then 29 away from 0.
-    EXPECT_EQ(features(z, 1.0, p), (Found{{1, 0}, {1, 29}}));
-
-    // Different types never collapse; a falling step 2 after a rising one stays.
-    EXPECT_EQ(features({10, 10, 16, 16, 16, 10, 10}, 1.0, p), (Found{{1, 1}, {2, 5}}));
-
-    // Features already in the record are left alone.
+TEST(LVFeature, StepsAlreadyInTheRecordAreNotMerged) {
+    // The record's own step (y -5) is 6 from the new one: near, but left alone.
     SHX_lineFeature lf;
     SHX_basicFeature1D old;
     old.featureType = 1;
@@ -324,8 +306,6 @@ TEST(LVFeature, NearStepsOfOneTypeCollapseIntoTheLaterOne) {
     hx_getLineLVFeature(pts.data(), 4, 0, SHX_slopeParam{0, 1, 3, 2}, SHX_VFeatureParam{0, 0}, &lf);
     EXPECT_EQ(typesAt(lf.features), (Found{{1, 0}, {1, 1}}));
 }
-
-// ---- Segments ----
 
 TEST(LVFeature, MatchesPlainVersionWithoutVShapesOnRandomProfiles) {
     // yTol 0 rules out every V, so steps, flanks, merging and segments are all
