@@ -174,12 +174,9 @@ std::vector<SKesp3DPosition> stressProfile(testutil::Rng& rng, int n, bool oddVa
         if (rng.integer(0, 19) == 0) zi = rng.integer(0, 1) ? 0.0 : 0.0001;  // invalid
         SKesp3DPosition p = pt(i, y, zi, -1);
         if (oddValues && rng.integer(0, 29) == 0) {
-            switch (rng.integer(0, 3)) {
-                case 0: p.y = std::numeric_limits<double>::quiet_NaN(); break;
-                case 1: p.z = std::numeric_limits<double>::quiet_NaN(); break;
-                case 2: p.z = std::numeric_limits<double>::infinity(); break;
-                default: p.y = std::numeric_limits<double>::infinity(); break;
-            }
+            const int64_t k = rng.integer(0, 3);  // NaN y, NaN z, infinite z, infinite y
+            (k == 0 || k == 3 ? p.y : p.z) =
+                k < 2 ? std::numeric_limits<double>::quiet_NaN() : std::numeric_limits<double>::infinity();
         }
         v.push_back(p);
     }

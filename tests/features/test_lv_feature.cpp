@@ -61,13 +61,16 @@ std::vector<double> then(std::vector<double> z, std::vector<double> pre, double 
 // Rising sides: gentle, 10, 10, 11, ..., 20 (top at 11); with a far step, 10, 10,
 // 16 (step at 1..2), then +0.25 to 20 at 18; with a step just below the top at
 // 5..6; a steep flank 10, 12.5, ..., 20 (top at 5).
-const std::vector<double> kGentleRise = then({10, 10}, {}, 20, 1, {}), kFarStepRise = then({10, 10, 16}, {}, 20, 0.25, {}),
-                          kNearStepRise{10, 10, 11, 12, 13, 14, 20}, kFlankRise{10, 10, 12.5, 15, 17.5, 20};
-// Falling sides after a top of 20.
-std::vector<double> gentleFall(const std::vector<double>& z) { return then(z, {}, 10, 1, {10}); }
-std::vector<double> farStepFall(const std::vector<double>& z) { return then(z, {}, 14, 0.5, {8, 8}); }  // -0.5s, a drop of 6
-std::vector<double> nearStepFall(const std::vector<double>& z) { return then(z, {14}, 10, 1, {10}); }  // a drop of 6 first
-std::vector<double> flankFall(const std::vector<double>& z) { return then(z, {}, 10, 2.5, {10}); }  // steep, below the jump
+const std::vector<double> kGentleRise = then({10, 10}, {}, 20, 1, {});
+const std::vector<double> kFarStepRise = then({10, 10, 16}, {}, 20, 0.25, {});
+const std::vector<double> kNearStepRise{10, 10, 11, 12, 13, 14, 20}, kFlankRise{10, 10, 12.5, 15, 17.5, 20};
+// Falling sides after a top of 20: gentle; steps of -0.5, then a drop of 6; a drop
+// of 6 first; a steep flank of steps 2.5, below the jump height.
+using Z = std::vector<double>;
+Z gentleFall(const Z& z) { return then(z, {}, 10, 1, {10}); }
+Z farStepFall(const Z& z) { return then(z, {}, 14, 0.5, {8, 8}); }
+Z nearStepFall(const Z& z) { return then(z, {14}, 10, 1, {10}); }
+Z flankFall(const Z& z) { return then(z, {}, 10, 2.5, {10}); }
 
 // ---- A plain version of the detector without V shapes, written straight from
 // the rules with a trend state and linear searches, for random comparisons ----
