@@ -75,15 +75,8 @@ Z flankFall(const Z& z) { return then(z, {}, 10, 2.5, {10}); }
 // ---- A plain version of the detector without V shapes, written straight from
 // the rules with a trend state and linear searches, for random comparisons ----
 
-struct PlainRun {
-    bool rising;
-    int start, end, stepStart, stepEnd;
-};
-
-struct PlainResult {
-    Found features;
-    Found endings;
-};
+struct PlainRun { bool rising; int start, end, stepStart, stepEnd; };
+struct PlainResult { Found features, endings; };
 
 PlainResult plainStepsAndFlanks(const std::vector<SKesp3DPosition>& p, const Params& prm) {
     PlainResult out;
@@ -154,13 +147,11 @@ PlainResult plainStepsAndFlanks(const std::vector<SKesp3DPosition>& p, const Par
             if (far) feats.emplace_back(r.rising ? 3 : 4, r.rising ? r.stepEnd : r.stepStart);
         }
     }
+    // A step near the next one of its type gives way to it.
     for (int j = static_cast<int>(feats.size()) - 2; j >= 0; --j) {
-        const auto& a = feats[static_cast<size_t>(j)];
-        const auto& b = feats[static_cast<size_t>(j) + 1];
-        if (a.first == b.first && (a.first == 1 || a.first == 2) && std::fabs(y(a.second) - y(b.second)) < 20.0) {
-            feats[static_cast<size_t>(j)] = b;
-            feats.erase(feats.begin() + j + 1);
-        }
+        const auto &a = feats[static_cast<size_t>(j)], &b = feats[static_cast<size_t>(j) + 1];
+        if (a.first == b.first && (a.first == 1 || a.first == 2) && std::fabs(y(a.second) - y(b.second)) < 20.0)
+            feats.erase(feats.begin() + j);
     }
     out.features = feats;
     for (const auto& sg : segs) {
