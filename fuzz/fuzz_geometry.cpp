@@ -37,11 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const double lift = in.real(0.0, 300.0);
         for (SKesp3DPosition& p : scan[i]) p.z = p.z >= 0.0001 ? p.z + lift : p.z;
     }
-    std::vector<SKesp3DLaserLine> lines(scan.size());
-    for (size_t i = 0; i < scan.size(); ++i) {
-        lines[i].p3DPosition = scan[i].empty() ? nullptr : scan[i].data();
-        lines[i].nPositionCnt = fuzz::count(scan[i]);
-    }
+    std::vector<SKesp3DLaserLine> lines = fuzz::linesOf(scan);
     const int32_t all = static_cast<int32_t>(scan.size());
     const int32_t lineNum = in.hostile() ? in.count(all, all) : all;
     const SKesp3DLaserLine* linesPtr = lines.empty() ? nullptr : lines.data();

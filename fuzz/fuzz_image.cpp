@@ -37,16 +37,13 @@ SHX_contourPtInfo contourPoint(fuzz::Input& in) {
 struct Scan {
     std::vector<std::vector<SKesp3DPosition>> pts;
     std::vector<SKesp3DLaserLine> lines;
-    Scan(fuzz::Input& in, int32_t lineNum, int32_t pointCnt) : pts(lineNum), lines(lineNum) {
+    Scan(fuzz::Input& in, int32_t lineNum, int32_t pointCnt) : pts(lineNum) {
         for (int32_t i = 0; i < lineNum; ++i) {
-            std::vector<SKesp3DPosition> p = in.profile(pointCnt, i);
-            const int32_t want = in.hostile() && in.integer(0, 7) == 0 ? fuzz::count(p) : pointCnt;
-            p.resize(static_cast<size_t>(want));
-            for (SKesp3DPosition& q : p) q.nPointIdx = in.flag() ? 0 : in.integer(0, 0xffff);
-            pts[i] = std::move(p);
-            lines[i].p3DPosition = pts[i].empty() ? nullptr : pts[i].data();
-            lines[i].nPositionCnt = fuzz::count(pts[i]);
+            pts[i] = in.profile(pointCnt, i);
+            pts[i].resize(static_cast<size_t>(in.hostile() && in.integer(0, 7) == 0 ? fuzz::count(pts[i]) : pointCnt));
+            for (SKesp3DPosition& q : pts[i]) q.nPointIdx = in.flag() ? 0 : in.integer(0, 0xffff);
         }
+        lines = fuzz::linesOf(pts);
     }
 };
 

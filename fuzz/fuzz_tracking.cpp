@@ -64,12 +64,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         scan[i].lineIdx = in.hostile() && in.integer(0, 7) == 0 ? in.wide(-5, 50) : i;
         const int nf = in.integer(0, 4);
         for (int k = 0; k < nf; ++k) scan[i].features.push_back(feature(in, scan[i].lineIdx));
-        if (in.flag()) {
-            scan[i].endings.push_back(feature(in, scan[i].lineIdx));
-            scan[i].endings.back().featureType = 6;
-            scan[i].endings.push_back(feature(in, scan[i].lineIdx));
-            scan[i].endings.back().featureType = 7;
-        }
+        if (in.flag())
+            for (int type : {6, 7}) {  // a segment start and end
+                scan[i].endings.push_back(feature(in, scan[i].lineIdx));
+                scan[i].endings.back().featureType = type;
+            }
     }
     const SHX_treeGrowParam param = growParam(in);
     std::vector<SHX_featureTree> trees = heldTrees(in);
@@ -95,12 +94,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         case 3: {
             // Grid positions sorted by x into a scan of point lines.
             std::vector<std::vector<SKesp3DPosition>> pts(static_cast<size_t>(lines));
-            std::vector<SKesp3DLaserLine> laser(pts.size());
-            for (size_t i = 0; i < pts.size(); ++i) {
-                pts[i] = in.profile(24, static_cast<double>(i));
-                laser[i].p3DPosition = pts[i].empty() ? nullptr : pts[i].data();
-                laser[i].nPositionCnt = fuzz::count(pts[i]);
-            }
+            for (size_t i = 0; i < pts.size(); ++i) pts[i] = in.profile(24, static_cast<double>(i));
+            const std::vector<SKesp3DLaserLine> laser = fuzz::linesOf(pts);
             const bool lineWise = in.flag();
             std::vector<SHX_2DValueI> ends(in.integer(0, 30));
             int32_t x = in.hostile() ? -2 : 0;

@@ -141,6 +141,14 @@ private:
 
 inline int32_t count(const std::vector<SKesp3DPosition>& v) { return static_cast<int32_t>(v.size()); }
 
+/// Line records over caller-held point vectors (which must outlive them).
+inline std::vector<SKesp3DLaserLine> linesOf(std::vector<std::vector<SKesp3DPosition>>& scan) {
+    std::vector<SKesp3DLaserLine> lines(scan.size());
+    for (size_t i = 0; i < scan.size(); ++i)
+        lines[i] = SKesp3DLaserLine{scan[i].empty() ? nullptr : scan[i].data(), count(scan[i])};
+    return lines;
+}
+
 /// A detector's record must stand on a point of the line: featurePos a copy of
 /// points[i] with nPointIdx = i, on a valid point (strictly above 0.0001 when
 /// strict), with the caller's line index.

@@ -17,6 +17,7 @@ namespace cornerref {
 
 struct Entry {
     int ptIdx = -1;
+    int back = -1, fwd = -1;  // the neighbours at least armLen away, in the compacted list
     double forwardAngle = 0, backwardAngle = 0, cornerAngle = 0;
     double forwardZ = 0, backwardZ = 0;
     int cornerType = 0;
@@ -53,6 +54,8 @@ inline Angles angles(const SKesp3DPosition* p, int n, double armLen) {
         if (b < 0 || f < 0) continue;
         Entry& e = a.list[k];
         e.ptIdx = k;
+        e.back = b;
+        e.fwd = f;
         e.backwardAngle = deg(std::atan((c[k].z - c[b].z) / std::fabs(c[k].y - c[b].y)));
         e.forwardAngle = deg(std::atan((c[f].z - c[k].z) / std::fabs(c[f].y - c[k].y)));
         e.cornerAngle = e.backwardAngle - e.forwardAngle;
@@ -87,19 +90,13 @@ inline Angles angles(const SKesp3DPosition* p, int n, double armLen) {
 // True when another candidate within 2 * armLen along y has a larger value.
 template <class Value>
 bool suppressed(const Angles& a, const std::vector<int>& cands, size_t q, double armLen, Value value) {
-    const double r2 = 4 * armLen * armLen;
-    bool drop = false;
-    for (size_t i = q; i-- > 0;) {
-        const double dy = a.pts[cands[i]].y - a.pts[cands[q]].y;
-        if (dy * dy > r2) break;
-        if (value(cands[i]) > value(cands[q])) drop = true;
-    }
-    for (size_t i = q + 1; i < cands.size(); ++i) {
-        const double dy = a.pts[cands[i]].y - a.pts[cands[q]].y;
-        if (dy * dy > r2) break;
-        if (value(cands[i]) > value(cands[q])) drop = true;
-    }
-    return drop;
+    for (size_t dir : {size_t(0) - 1, size_t(1)})  // backward, then forward (unsigned wrap ends the backward walk)
+        for (size_t i = q + dir; i < cands.size(); i += dir) {
+            const double dy = a.pts[cands[i]].y - a.pts[cands[q]].y;
+            if (dy * dy > 4 * armLen * armLen) break;
+            if (value(cands[i]) > value(cands[q])) return true;
+        }
+    return false;
 }
 
 inline SHX_basicFeature1D record(const SKesp3DPosition* p, int inputIdx, int type, int lineIdx, double value) {
@@ -112,29 +109,33 @@ inline SHX_basicFeature1D record(const SKesp3DPosition* p, int inputIdx, int typ
     return f;
 }
 
-inline void corners(const SKesp3DPosition* p, int n, int lineIdx, SHX_cornerParam prm, SHX_lineFeature* out) {
-    out->lineIdx = lineIdx;
-    if (n < 1) return;
-    struct Seg { int start, num, valid; };
+// Runs of valid points, cut where consecutive heights differ by more than
+// jumpZ (a NaN step does not cut).
+struct Seg { int start, num, valid; };
+inline std::vector<Seg> segments(const SKesp3DPosition* p, int n, double jumpZ) {
     std::vector<Seg> segs;
     int first = -1, last = -1;
     for (int i = 0; i < n; ++i) {
         if (p[i].z > 0.0001) {
-            if (first >= 0 && std::fabs(p[i].z - p[i - 1].z) > prm.jumpZ) {
+            if (first >= 0 && std::fabs(p[i].z - p[i - 1].z) > jumpZ) {
                 segs.push_back({first, last - first + 1, 1});
-                first = last = i;
-            } else if (first >= 0) {
-                last = i;
-            } else {
-                first = last = i;
+                first = -1;
             }
+            if (first < 0) first = i;
+            last = i;
         } else if (first >= 0) {
             segs.push_back({first, last - first + 1, 1});
             first = -1;
         }
     }
     if (first >= 0) segs.push_back({first, last - first + 1, 1});
+    return segs;
+}
 
+inline void corners(const SKesp3DPosition* p, int n, int lineIdx, SHX_cornerParam prm, SHX_lineFeature* out) {
+    out->lineIdx = lineIdx;
+    if (n < 1) return;
+    std::vector<Seg> segs = segments(p, n, prm.jumpZ);
     Angles a = angles(p, n, prm.armLen);
     for (size_t q = 0; q < a.maxima.size(); ++q) {
         const Entry& e = a.list[a.maxima[q]];

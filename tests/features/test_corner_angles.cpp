@@ -18,36 +18,6 @@ using pa_detail::CornerAngleList;
 
 namespace {
 
-// Plain neighbour search: the first point backward / forward at least armLen
-// away (rooted distance), -1 for both when either is missing.
-void plainNeighbours(const std::vector<SKesp3DPosition>& c, double armLen, std::vector<int>& back,
-                     std::vector<int>& fwd) {
-    const int m = static_cast<int>(c.size());
-    back.assign(static_cast<size_t>(m), -1);
-    fwd.assign(static_cast<size_t>(m), -1);
-    auto dist = [&](int k, int j) {
-        const double dy = c[k].y - c[j].y, dz = c[k].z - c[j].z;
-        return std::sqrt(dy * dy + dz * dz);
-    };
-    for (int k = 0; k < m; ++k) {
-        int b = -1, f = -1;
-        for (int j = k - 1; j >= 0; --j)
-            if (dist(k, j) >= armLen) {
-                b = j;
-                break;
-            }
-        for (int j = k + 1; j < m; ++j)
-            if (dist(k, j) >= armLen) {
-                f = j;
-                break;
-            }
-        if (b >= 0 && f >= 0) {
-            back[static_cast<size_t>(k)] = b;
-            fwd[static_cast<size_t>(k)] = f;
-        }
-    }
-}
-
 bool sameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 // Profiles of one kind: 0 evenly spaced and smooth, 1 flats and steps, 2 runs
@@ -62,34 +32,16 @@ std::vector<SKesp3DPosition> profile(testutil::Rng& rng, int kind, int n, double
         const int k = kind == 6 ? static_cast<int>(rng.integer(0, 5)) : kind;
         if (k == 7) z += 0.5 * pitch;
         bool advance = true;
-        double zi;
-        switch (k) {
-            case 0:
-                z += rng.uniform(-0.3, 0.3) * pitch;
-                break;
-            case 1:
-                z += rng.integer(0, 30) == 0 ? rng.uniform(-20, 20) : rng.uniform(-0.05, 0.05) * pitch;
-                break;
-            case 2:
-                z += rng.uniform(-0.5, 0.5) * pitch;
-                break;
-            case 3:
-                advance = rng.integer(0, 3) != 0;
-                if (advance) z += rng.uniform(-0.5, 0.5) * pitch;
-                break;
-            case 4:
-                advance = rng.integer(0, 4) != 0;
-                z += advance ? rng.uniform(-0.2, 0.2) * pitch : rng.uniform(0.5, 3.0) * pitch;
-                break;
-            case 7:
-                break;
-            default:
-                z += rng.uniform(-0.5, 0.5) * pitch;
-                break;
+        if (k == 0) z += rng.uniform(-0.3, 0.3) * pitch;
+        if (k == 1) z += rng.integer(0, 30) == 0 ? rng.uniform(-20, 20) : rng.uniform(-0.05, 0.05) * pitch;
+        if (k == 2 || k == 5 || k == 6) z += rng.uniform(-0.5, 0.5) * pitch;
+        if (k == 3 && (advance = rng.integer(0, 3) != 0)) z += rng.uniform(-0.5, 0.5) * pitch;
+        if (k == 4) {
+            advance = rng.integer(0, 4) != 0;
+            z += advance ? rng.uniform(-0.2, 0.2) * pitch : rng.uniform(0.5, 3.0) * pitch;
         }
         if (advance) y += pitch;
-        zi = z;
-        double yi = y;
+        double zi = z, yi = y;
         if (k == 2 && rng.integer(0, 15) == 0) zi = 0.0;
         if (k == 5 && rng.integer(0, 40) == 0) {
             const double bad[] = {std::nan(""), inf, -inf, 1e300};
@@ -116,123 +68,79 @@ double armFor(testutil::Rng& rng, double pitch) {
     }
 }
 
-// Plain segmentation: runs of valid points, cut where consecutive heights
-// differ by more than jumpZ.
-std::vector<pa_detail::CornerSegment> plainSegments(const std::vector<SKesp3DPosition>& p, double jumpZ) {
-    std::vector<pa_detail::CornerSegment> segs;
-    int first = -1, last = -1;
-    auto close = [&] {
-        if (first >= 0) segs.push_back({first, last - first + 1, 1});
-        first = -1;
-    };
-    for (size_t i = 0; i < p.size(); ++i) {
-        const int ii = static_cast<int>(i);
-        if (!(p[i].z > 0.0001)) {
-            close();
-            continue;
-        }
-        if (first >= 0 && std::fabs(p[i].z - p[i - 1].z) > jumpZ) close();  // NaN steps do not cut
-        if (first < 0) first = ii;
-        last = ii;
-    }
-    close();
-    return segs;
-}
-
 void expectSameList(const pa_detail::CornerIndexList& got, const std::vector<int>& want, const char* what) {
     ASSERT_EQ(got.size(), want.size()) << what;
     for (size_t i = 0; i < want.size(); ++i) EXPECT_EQ(got[i], want[i]) << what << " " << i;
 }
 
+// Both kernels against the plain version: neighbours, the z of the
+// neighbours, maxima and minima (minima and segments only when asked for);
+// the approximate corner angles equal bit for bit between the kernels and lie
+// within the tolerance of the exact ones.
+void expectKernelsMatch(const std::vector<SKesp3DPosition>& p, double jumpZ, double armLen, bool full) {
+    const int n = static_cast<int>(p.size());
+    const cornerref::Angles ref = cornerref::angles(p.data(), n, armLen);
+    const std::vector<cornerref::Seg> segments = cornerref::segments(p.data(), n, jumpZ);
+    const bool avx2 = pa_detail::avx2KernelsUsable();
+    CornerAngleList lists[2];
+    for (int useAvx2 = 0; useAvx2 <= (avx2 ? 1 : 0); ++useAvx2) {
+        SCOPED_TRACE(useAvx2 ? "avx2" : "portable");
+        CornerAngleList& list = lists[useAvx2];
+        std::vector<pa_detail::CornerSegment> segs;
+        list.build(p.data(), n, jumpZ, armLen, full, full ? &segs : nullptr, useAvx2 != 0);
+        ASSERT_EQ(list.size(), static_cast<int32_t>(ref.pts.size()));
+        if (full) {
+            ASSERT_EQ(segs.size(), segments.size());
+            for (size_t s = 0; s < segs.size(); ++s) {
+                EXPECT_EQ(segs[s].startIdx, segments[s].start) << s;
+                EXPECT_EQ(segs[s].ptNum, segments[s].num) << s;
+            }
+        }
+        for (int32_t k = 0; k < list.size(); ++k) {
+            const cornerref::Entry& e = ref.list[static_cast<size_t>(k)];
+            ASSERT_EQ(list.inputIndex(k), ref.pts[static_cast<size_t>(k)].nPointIdx) << k;
+            ASSERT_EQ(list.backward(k), e.back) << k;
+            ASSERT_EQ(list.forward(k), e.fwd) << k;
+            if (e.back < 0 || !full) continue;
+            EXPECT_TRUE(sameBits(list.backwardZ(k), e.backwardZ)) << k;
+            EXPECT_TRUE(sameBits(list.forwardZ(k), e.forwardZ)) << k;
+            if (std::isfinite(e.cornerAngle) && std::isfinite(list.approxCorner(k)))
+                EXPECT_NEAR(list.approxCorner(k), e.cornerAngle, 2 * CornerAngleList::kAngleTol) << k;
+        }
+        expectSameList(list.maxima(), std::vector<int>(ref.maxima.begin(), ref.maxima.end()), "maxima");
+        if (full) expectSameList(list.minima(), std::vector<int>(ref.minima.begin(), ref.minima.end()), "minima");
+        else EXPECT_EQ(list.minima().size(), 0u);
+    }
+    for (int32_t k = 0; avx2 && full && k < lists[0].size(); ++k)
+        if (lists[0].backward(k) >= 0) EXPECT_TRUE(sameBits(lists[0].approxCorner(k), lists[1].approxCorner(k))) << k;
+}
+
 }  // namespace
 
-// Both kernels against the plain version: neighbours, the z of the
-// neighbours, maxima and minima; the approximate corner angles equal bit for
-// bit between the kernels and lie within the tolerance of the exact ones.
 TEST(CornerAngles, KernelsMatchPlainVersion) {
     testutil::Rng rng(23);
-    const bool avx2 = pa_detail::avx2KernelsUsable();
     for (int trial = 0; trial < 1500; ++trial) {
         const int kind = trial % 8;
         const int n = static_cast<int>(rng.integer(0, trial % 10 == 0 || kind == 7 ? 900 : 160));
         const double pitch = rng.integer(0, 3) == 0 ? 0.1 : rng.uniform(0.01, 2);
         const std::vector<SKesp3DPosition> p = profile(rng, kind, n, pitch);
         const double armLen = armFor(rng, pitch);
-        // Small cuts split the runs often, so that blocks of four fall back to
-        // single points.
+        // Small cuts split the runs often, so that blocks of four fall back to single points.
         const double jumpZ = trial % 3 == 0 ? pitch * 0.1 : 1.0;
         SCOPED_TRACE(testing::Message() << "trial " << trial << " kind " << kind << " n " << n << " arm " << armLen);
-        const std::vector<pa_detail::CornerSegment> segments = plainSegments(p, jumpZ);
-
-        const cornerref::Angles ref = cornerref::angles(p.data(), n, armLen);
-        std::vector<int> back, fwd;
-        plainNeighbours(ref.pts, armLen, back, fwd);
-        std::vector<int> maxima(ref.maxima.begin(), ref.maxima.end()), minima(ref.minima.begin(), ref.minima.end());
-
-        CornerAngleList lists[2];
-        for (int useAvx2 = 0; useAvx2 <= (avx2 ? 1 : 0); ++useAvx2) {
-            SCOPED_TRACE(useAvx2 ? "avx2" : "portable");
-            CornerAngleList& list = lists[useAvx2];
-            std::vector<pa_detail::CornerSegment> segs;
-            list.build(p.data(), n, jumpZ, armLen, true, &segs, useAvx2 != 0);
-            ASSERT_EQ(list.size(), static_cast<int32_t>(ref.pts.size()));
-            ASSERT_EQ(segs.size(), segments.size());
-            for (size_t s = 0; s < segs.size(); ++s) {
-                EXPECT_EQ(segs[s].startIdx, segments[s].startIdx) << s;
-                EXPECT_EQ(segs[s].ptNum, segments[s].ptNum) << s;
-            }
-            for (int32_t k = 0; k < list.size(); ++k) {
-                const size_t ks = static_cast<size_t>(k);
-                ASSERT_EQ(list.inputIndex(k), ref.pts[ks].nPointIdx) << k;
-                ASSERT_EQ(list.backward(k), back[ks]) << k;
-                ASSERT_EQ(list.forward(k), fwd[ks]) << k;
-                if (back[ks] < 0) continue;
-                EXPECT_TRUE(sameBits(list.backwardZ(k), ref.list[ks].backwardZ)) << k;
-                EXPECT_TRUE(sameBits(list.forwardZ(k), ref.list[ks].forwardZ)) << k;
-                const double exact = ref.list[ks].cornerAngle;
-                if (std::isfinite(exact) && std::isfinite(list.approxCorner(k))) {
-                    EXPECT_NEAR(list.approxCorner(k), exact, 2 * CornerAngleList::kAngleTol) << k;
-                }
-            }
-            expectSameList(list.maxima(), maxima, "maxima");
-            expectSameList(list.minima(), minima, "minima");
-        }
-        if (avx2) {
-            for (int32_t k = 0; k < lists[0].size(); ++k)
-                if (lists[0].backward(k) >= 0) EXPECT_TRUE(sameBits(lists[0].approxCorner(k), lists[1].approxCorner(k))) << k;
-        }
+        expectKernelsMatch(p, jumpZ, armLen, true);
     }
-}
-
-// Long evenly spaced lines with steps, as a scanner delivers them: most
-// groups settle in their first round, the points next to a step search alone.
-TEST(CornerAngles, LongScannerLinesMatchPlainVersion) {
-    testutil::Rng rng(29);
-    const bool avx2 = pa_detail::avx2KernelsUsable();
+    // Long evenly spaced lines with steps, as a scanner delivers them, maxima
+    // only: most groups settle in their first round, the points next to a step
+    // search alone.
     for (int trial = 0; trial < 40; ++trial) {
-        const int n = 2048;
         std::vector<SKesp3DPosition> p;
-        for (int j = 0; j < n; ++j) {
+        for (int j = 0; j < 2048; ++j) {
             double z = 100.0 + 5.0 * std::sin(j * 0.015) + (j % 300 < 40 ? 8.0 : 0.0) + rng.uniform(-0.01, 0.01);
             if ((j + 7 * trial) % 211 < 4) z = 0.0;
             p.push_back(testutil::pt(j, j * 0.1, z, j));
         }
-        const double armLen = trial % 4 == 0 ? 1.0 : rng.uniform(0.05, 3.0);
-        const cornerref::Angles ref = cornerref::angles(p.data(), n, armLen);
-        std::vector<int> back, fwd;
-        plainNeighbours(ref.pts, armLen, back, fwd);
-        std::vector<int> maxima(ref.maxima.begin(), ref.maxima.end());
-        for (int useAvx2 = 0; useAvx2 <= (avx2 ? 1 : 0); ++useAvx2) {
-            SCOPED_TRACE(testing::Message() << "trial " << trial << (useAvx2 ? " avx2" : " portable"));
-            CornerAngleList list;
-            list.build(p.data(), n, 1.0, armLen, false, nullptr, useAvx2 != 0);
-            ASSERT_EQ(list.size(), static_cast<int32_t>(ref.pts.size()));
-            for (int32_t k = 0; k < list.size(); ++k) {
-                ASSERT_EQ(list.backward(k), back[static_cast<size_t>(k)]) << k;
-                ASSERT_EQ(list.forward(k), fwd[static_cast<size_t>(k)]) << k;
-            }
-            expectSameList(list.maxima(), maxima, "maxima");
-            EXPECT_EQ(list.minima().size(), 0u);
-        }
+        SCOPED_TRACE(testing::Message() << "long line " << trial);
+        expectKernelsMatch(p, 1.0, trial % 4 == 0 ? 1.0 : rng.uniform(0.05, 3.0), false);
     }
 }

@@ -36,96 +36,30 @@ std::vector<SKesp3DPosition> tent() {
 
 }  // namespace
 
-TEST(GloveArcs, TentApexDropsByTwiceFortyFive) {
-    // chordLen 2: the chord end is two points away. Before the apex the
-    // chords rise at 45 degrees, from the apex on they fall at -45; over an
-    // arc of 3 the left maximum is A(8) = 45 and the right minimum A(10) = -45.
+// The record's fields, the threshold and appending; candidates, plateaus, invalid
+// points and short lines are pinned down by the comparison with the plain version.
+TEST(GloveArcs, HandWorkedTent) {
+    // Tent, chordLen 2: chords rise at 45 degrees before the apex and fall at
+    // -45 from it on; over an arc of 3 the left maximum is A(8) = 45 and the
+    // right minimum A(10) = -45.
     const double drop = deg(std::atan(1.0)) - deg(std::atan(-1.0));
     const auto found = arcs(tent(), arcParam(2.0, 3.0, 80.0));
     ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].featurePos.nPointIdx, 10);
+    EXPECT_DOUBLE_EQ(found[0].featureValue, drop);
     EXPECT_EQ(found[0].featureType, 13);
     EXPECT_EQ(found[0].lineIdx, 4);
-    EXPECT_EQ(found[0].featurePos.nPointIdx, 10);
     EXPECT_EQ(found[0].featurePos.x, 1.5);
     EXPECT_EQ(found[0].featurePos.z, 10.0);
-    EXPECT_DOUBLE_EQ(found[0].featureValue, drop);
-    // The literal pi is a hair larger than pi: the drop falls just short of 90.
+    // The literal pi is a hair larger than pi: the drop falls just short of 90; >= counts.
     EXPECT_LT(drop, 90.0);
     EXPECT_TRUE(arcs(tent(), arcParam(2.0, 3.0, 90.0)).empty());
-    EXPECT_TRUE(arcs(tent(), arcParam(2.0, 3.0, drop)).size() == 1u);  // >= counts
-}
+    EXPECT_EQ(arcs(tent(), arcParam(2.0, 3.0, drop)).size(), 1u);
 
-TEST(GloveArcs, LeftMaximumStartsAtZero) {
-    // k = 5 is the only candidate; the only angle left of it within the arc,
-    // A(4) = atan(-1.5), is negative, so L stays 0 and the drop is -A(5).
-    const std::vector<double> z{1, 2, 3, 4, 5, 6, 2, 1.5, 1, 0.5, 0.3};
-    const auto v = testutil::profileFromZ(z);
-    const auto found = arcs(v, arcParam(3.0, 1.0, 50.0));
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(found[0].featurePos.nPointIdx, 5);
-    EXPECT_DOUBLE_EQ(found[0].featureValue, 0.0 - deg(std::atan(-4.0)));
-}
-
-TEST(GloveArcs, FewerThanTenPointsGiveNothing) {
-    const std::vector<double> z{1, 2, 3, 4, 5, 6, 2, 1.5, 1, 0.5, 0.3};
-    std::vector<double> nine(z.begin(), z.begin() + 9), ten(z.begin(), z.begin() + 10);
-    EXPECT_TRUE(arcs(testutil::profileFromZ(nine), arcParam(3.0, 1.0, 50.0)).empty());
-    EXPECT_EQ(arcs(testutil::profileFromZ(ten), arcParam(3.0, 1.0, 50.0)).size(), 1u);
-    // Ten points, but with invalid ones among them, still go through.
-    auto withGaps = testutil::profileFromZ(ten);
-    withGaps[0].z = 0.0;
-    EXPECT_EQ(arcs(withGaps, arcParam(3.0, 1.0, 50.0)).size(), 1u);
-}
-
-TEST(GloveArcs, CandidatesAndPlateaus) {
-    // With a threshold no drop can miss, every candidate is reported.
-    const SHX_gloveArcParam all = arcParam(1.5, 2.0, -1e9);
-    // Of two equal highest points only the first survives (>= behind, > ahead).
-    const auto plateau = testutil::profileFromZ({1, 2, 3, 4, 6, 6, 3, 2, 1, 0.5, 0.3});
-    const auto found = arcs(plateau, all);
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(found[0].featurePos.nPointIdx, 4);
-
-    // A steadily falling line: only its first point is a candidate (nothing
-    // behind it; nothing ahead rises above it). Its own angle is 0 (no
-    // backward chord end), the next angle -45 lies within the arc.
-    std::vector<double> falling;
-    for (int i = 0; i < 12; ++i) falling.push_back(20 - i);
-    const auto f2 = arcs(testutil::profileFromZ(falling), arcParam(1.0, 5.0, -1e9));
-    ASSERT_EQ(f2.size(), 1u);
-    EXPECT_EQ(f2[0].featurePos.nPointIdx, 0);
-    EXPECT_DOUBLE_EQ(f2[0].featureValue, 0.0 - deg(std::atan(-1.0)));
-}
-
-TEST(GloveArcs, ValidityIsStrictAndIndicesReferToTheInput) {
-    auto v = tent();
-    // Insert invalid points before the apex: z = 0 and z = 0.0001 (not valid here).
-    v.insert(v.begin() + 3, pt(0, 2.5, 0.0001));
-    v.insert(v.begin() + 3, pt(0, 2.4, 0.0));
-    const auto found = arcs(v, arcParam(2.0, 3.0, 80.0));
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(found[0].featurePos.nPointIdx, 12);  // the apex moved two places on
-    EXPECT_EQ(found[0].featurePos.z, 10.0);
-
-    std::vector<SKesp3DPosition> none(12, pt(0, 0, 0.0));
-    EXPECT_TRUE(arcs(none, arcParam(2.0, 3.0, -1e9)).empty());
-}
-
-TEST(GloveArcs, AppendsAndSurvivesDegenerateGeometry) {
+    // Results are appended.
     std::vector<SHX_basicFeature1D> out(2);
     rk_getLineGloveArcs(tent(), 0, arcParam(2.0, 3.0, 80.0), out);
     EXPECT_EQ(out.size(), 3u);
-
-    // Vertical chords (all y equal) give +-90 degree angles, not a crash.
-    std::vector<SKesp3DPosition> wall;
-    for (int i = 0; i < 12; ++i) wall.push_back(pt(0, 0, 1 + (i < 6 ? i : 11 - i)));
-    const auto w = arcs(wall, arcParam(1.0, 2.0, -1e9));
-    for (const auto& f : w) EXPECT_FALSE(std::isnan(f.featureValue));
-
-    auto nanLine = tent();
-    nanLine[7].z = std::numeric_limits<double>::quiet_NaN();
-    arcs(nanLine, arcParam(2.0, 3.0, 0.0));
-    arcs(tent(), arcParam(std::numeric_limits<double>::quiet_NaN(), 3.0, 0.0));
 }
 
 namespace {
@@ -187,35 +121,6 @@ std::vector<SHX_basicFeature1D> plainGloveArcs(const std::vector<SKesp3DPosition
     return out;
 }
 
-}  // namespace
-
-TEST(GloveArcs, MatchesPlainDefinitionOnRandomProfiles) {
-    testutil::Rng rng(2024);
-    for (int trial = 0; trial < 400; ++trial) {
-        const int n = static_cast<int>(rng.integer(0, 120));
-        std::vector<SKesp3DPosition> v;
-        double y = 0;
-        for (int i = 0; i < n; ++i) {
-            y += rng.integer(0, 4) == 0 ? 0.0 : rng.uniform(0.05, 0.4);  // repeated y: vertical chords
-            double z = 10 + 3 * std::sin(y * rng.uniform(0.5, 2.0)) + rng.uniform(-0.3, 0.3);
-            if (rng.integer(0, 9) == 0) z = 0.0;
-            if (rng.integer(0, 15) == 0 && i > 0) z = v.back().z;  // plateaus
-            v.push_back(pt(i, y, z, -1));
-        }
-        const SHX_gloveArcParam prm = arcParam(rng.uniform(0.0, 1.5), rng.uniform(0.0, 3.0), rng.uniform(-10.0, 120.0));
-        const auto want = plainGloveArcs(v, trial, prm);
-        const auto got = arcs(v, prm, trial);
-        ASSERT_EQ(got.size(), want.size()) << "trial " << trial;
-        for (size_t i = 0; i < got.size(); ++i) {
-            EXPECT_EQ(got[i].featurePos.nPointIdx, want[i].featurePos.nPointIdx);
-            EXPECT_EQ(got[i].featurePos.y, want[i].featurePos.y);
-            // Identical, not merely close.
-            EXPECT_EQ(got[i].featureValue, want[i].featureValue) << "trial " << trial;
-        }
-    }
-}
-
-namespace {
 
 // Stress profiles for the chord-end search: long lines (the points are
 // searched in groups of four and skip ahead by the local step size), with
@@ -238,94 +143,81 @@ std::vector<SKesp3DPosition> stressProfile(testutil::Rng& rng, int n, bool oddVa
         if (rng.integer(0, 19) == 0) zi = rng.integer(0, 1) ? 0.0 : 0.0001;  // invalid
         SKesp3DPosition p = pt(i, y, zi, -1);
         if (oddValues && rng.integer(0, 29) == 0) {
-            switch (rng.integer(0, 3)) {
-                case 0: p.y = std::numeric_limits<double>::quiet_NaN(); break;
-                case 1: p.z = std::numeric_limits<double>::quiet_NaN(); break;
-                case 2: p.z = std::numeric_limits<double>::infinity(); break;
-                default: p.y = std::numeric_limits<double>::infinity(); break;
-            }
+            const int64_t k = rng.integer(0, 3);  // NaN y, NaN z, infinite z, infinite y
+            (k == 0 || k == 3 ? p.y : p.z) =
+                k < 2 ? std::numeric_limits<double>::quiet_NaN() : std::numeric_limits<double>::infinity();
         }
         v.push_back(p);
     }
     return v;
 }
 
-void expectSameArcs(const std::vector<SKesp3DPosition>& v, SHX_gloveArcParam prm, int trial) {
+// The exported routine and, where asked, both kernels (portable and AVX2,
+// whatever the processor picks) against the plain version.
+void expectSameArcs(const std::vector<SKesp3DPosition>& v, SHX_gloveArcParam prm, int trial, bool kernels = false) {
     const auto want = plainGloveArcs(v, trial, prm);
-    const auto got = arcs(v, prm, trial);
-    ASSERT_EQ(got.size(), want.size()) << "trial " << trial << " chord " << prm.chordLen;
-    for (size_t i = 0; i < got.size(); ++i) {
-        EXPECT_EQ(got[i].featurePos.nPointIdx, want[i].featurePos.nPointIdx) << "trial " << trial;
-        EXPECT_EQ(got[i].featureValue, want[i].featureValue) << "trial " << trial;
+    std::vector<std::vector<SHX_basicFeature1D>> got{arcs(v, prm, trial)};
+    for (int useAvx2 = 0; kernels && useAvx2 <= (pa_detail::avx2KernelsUsable() ? 1 : 0); ++useAvx2) {
+        got.emplace_back();
+        pa_detail::glove_arcs::detect(v, trial, prm, got.back(), useAvx2 == 1);
+    }
+    for (const auto& g : got) {
+        ASSERT_EQ(g.size(), want.size()) << "trial " << trial << " chord " << prm.chordLen;
+        for (size_t i = 0; i < g.size(); ++i) {
+            EXPECT_EQ(g[i].featurePos.nPointIdx, want[i].featurePos.nPointIdx) << "trial " << trial;
+            EXPECT_EQ(g[i].featurePos.y, want[i].featurePos.y) << "trial " << trial;
+            EXPECT_EQ(g[i].featureValue, want[i].featureValue) << "trial " << trial;  // identical, not close
+        }
     }
 }
 
 }  // namespace
 
-TEST(GloveArcs, MatchesPlainDefinitionOnStressProfiles) {
-    testutil::Rng rng(77);
-    // Chords from none at all to longer than the line, so that the search
-    // ends on the first point tested, after many, or never on one side.
+TEST(GloveArcs, MatchesPlainDefinition) {
+    testutil::Rng rng(2024);
+    // Wavy lines with repeated y (vertical chords), plateaus and invalid points.
+    for (int trial = 0; trial < 400; ++trial) {
+        const int n = static_cast<int>(rng.integer(0, 120));
+        std::vector<SKesp3DPosition> v;
+        double y = 0;
+        for (int i = 0; i < n; ++i) {
+            y += rng.integer(0, 4) == 0 ? 0.0 : rng.uniform(0.05, 0.4);
+            double z = 10 + 3 * std::sin(y * rng.uniform(0.5, 2.0)) + rng.uniform(-0.3, 0.3);
+            if (rng.integer(0, 9) == 0) z = 0.0;
+            if (rng.integer(0, 15) == 0 && i > 0) z = v.back().z;
+            v.push_back(pt(i, y, z, -1));
+        }
+        expectSameArcs(v, arcParam(rng.uniform(0.0, 1.5), rng.uniform(0.0, 3.0), rng.uniform(-10.0, 120.0)), trial);
+    }
+    // Stress lines, chords from none at all to longer than the line (the search
+    // ends on the first point tested, after many, or never on one side); with
+    // every candidate reported the candidate test alone decides.
     const double chords[] = {0.0, 0.05, 0.3, 0.5, 1.0, 2.5, 6.0, 40.0, 1e9, -1.0};
     for (int trial = 0; trial < 300; ++trial) {
-        const int n = static_cast<int>(rng.integer(10, 400));
-        const auto v = stressProfile(rng, n, trial % 3 == 0);
-        const double chord = chords[trial % 10];
-        expectSameArcs(v, arcParam(chord, rng.uniform(0.0, 4.0), rng.uniform(-30.0, 120.0)), trial);
-        // Every candidate reported: the candidate test alone decides.
-        expectSameArcs(v, arcParam(chord, rng.uniform(0.0, 4.0), -1e9), trial);
+        const auto v = stressProfile(rng, static_cast<int>(rng.integer(10, 400)), trial % 3 == 0);
+        expectSameArcs(v, arcParam(chords[trial % 10], rng.uniform(0.0, 4.0), rng.uniform(-30.0, 120.0)), trial,
+                       trial % 3 != 2);
+        expectSameArcs(v, arcParam(chords[trial % 10], rng.uniform(0.0, 4.0), -1e9), trial);
     }
-}
-
-TEST(GloveArcs, MatchesPlainDefinitionOnEvenNoisyFloors) {
-    // The benchmark's shape: an even pitch with noise, where the chord end is
-    // the fifth or sixth point and the skip carries most of the way, broken
-    // by walls that shorten the skip nearby.
-    testutil::Rng rng(5);
+    // Even noisy floors (the benchmark's shape): the skip carries most of the
+    // way, broken by walls that shorten it nearby.
     for (int trial = 0; trial < 60; ++trial) {
         std::vector<SKesp3DPosition> v;
         const double pitch = rng.uniform(0.02, 0.2);
         for (int i = 0; i < 500; ++i) {
-            double z = 20.0 + rng.uniform(-0.005, 0.005);
-            if (i % 97 > 60) z += 5.0;
-            v.push_back(pt(0, i * pitch, z, -1));
+            v.push_back(pt(0, i * pitch, 20.0 + rng.uniform(-0.005, 0.005) + (i % 97 > 60 ? 5.0 : 0.0), -1));
             if (i % 97 == 60)
                 for (int k = 1; k < 5; ++k) v.push_back(pt(0, i * pitch, 20.0 + k, -1));
         }
-        expectSameArcs(v, arcParam(rng.uniform(0.1, 1.5), rng.uniform(0.2, 2.0), rng.uniform(-5.0, 40.0)), trial);
+        expectSameArcs(v, arcParam(rng.uniform(0.1, 1.5), rng.uniform(0.2, 2.0), rng.uniform(-5.0, 40.0)), trial, true);
     }
-}
-
-TEST(GloveArcs, OddParametersMatchThePlainDefinition) {
-    testutil::Rng rng(9);
+    // Odd parameters: NaN, infinite, negative and denormal.
     const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
     const SHX_gloveArcParam odd[] = {arcParam(nan, 1.0, 10.0), arcParam(inf, 1.0, -1e9), arcParam(0.5, nan, -1e9),
                                      arcParam(0.5, inf, -1e9), arcParam(0.5, 1.0, nan), arcParam(0.5, -1.0, -inf),
                                      arcParam(4.9e-324, 1.0, -1e9)};
     for (int trial = 0; trial < 40; ++trial) {
         const auto v = stressProfile(rng, static_cast<int>(rng.integer(10, 200)), trial % 2 == 0);
-        for (const auto& prm : odd) expectSameArcs(v, prm, trial);
-    }
-}
-
-TEST(GloveArcs, PortableAndAvx2KernelsMatchThePlainDefinition) {
-    // The exported routine takes the AVX2 kernels where the processor has
-    // them; here both kernels run on the same lines, whatever the processor.
-    testutil::Rng rng(31);
-    const bool avx2 = pa_detail::avx2KernelsUsable();
-    const double chords[] = {0.0, 0.3, 0.5, 2.5, 40.0, 1e9};
-    for (int trial = 0; trial < 200; ++trial) {
-        const auto v = stressProfile(rng, static_cast<int>(rng.integer(10, 300)), trial % 3 == 0);
-        const SHX_gloveArcParam prm = arcParam(chords[trial % 6], rng.uniform(0.0, 4.0), rng.uniform(-30.0, 60.0));
-        const auto want = plainGloveArcs(v, trial, prm);
-        for (int useAvx2 = 0; useAvx2 <= (avx2 ? 1 : 0); ++useAvx2) {
-            std::vector<SHX_basicFeature1D> got;
-            pa_detail::glove_arcs::detect(v, trial, prm, got, useAvx2 == 1);
-            ASSERT_EQ(got.size(), want.size()) << "trial " << trial << " avx2 " << useAvx2;
-            for (size_t i = 0; i < got.size(); ++i) {
-                EXPECT_EQ(got[i].featurePos.nPointIdx, want[i].featurePos.nPointIdx);
-                EXPECT_EQ(got[i].featureValue, want[i].featureValue);
-            }
-        }
+        for (const auto& prm : odd) expectSameArcs(v, prm, trial, true);
     }
 }

@@ -13,13 +13,6 @@ namespace {
 
 using Found = std::vector<std::pair<int, int>>;  // (type, point index)
 
-// Appends values from the last one towards `to` in steps of `step` (to included).
-void ramp(std::vector<double>& z, double to, double step) {
-    const double from = z.back();
-    const int n = static_cast<int>(std::lround(std::fabs(to - from) / step));
-    for (int k = 1; k <= n; ++k) z.push_back(from + (to - from) * k / n);
-}
-
 std::vector<SKesp3DPosition> profile(const std::vector<double>& z, double pitch, double y0 = 0.0) {
     auto pts = testutil::profileFromZ(z, pitch, 3.0);
     for (auto& p : pts) p.y += y0;
@@ -53,60 +46,37 @@ Found features(const std::vector<double>& z, double pitch = 0.5, const Params& p
     return typesAt(run(profile(z, pitch), p).features);
 }
 
-// Rising side without a step or flank: 10, 10, 11, ..., 20 (top at index 11).
-std::vector<double> gentleRise() {
-    std::vector<double> z{10, 10};
-    ramp(z, 20, 1);
+// z, then `pre`, then values from the last one towards `to` in steps of
+// `step` (to included), then `post`.
+std::vector<double> then(std::vector<double> z, std::vector<double> pre, double to, double step,
+                         std::vector<double> post) {
+    z.insert(z.end(), pre.begin(), pre.end());
+    const double from = z.back();
+    const int n = static_cast<int>(std::lround(std::fabs(to - from) / step));
+    for (int k = 1; k <= n; ++k) z.push_back(from + (to - from) * k / n);
+    z.insert(z.end(), post.begin(), post.end());
     return z;
 }
-// Rising side with a far step: 10, 10, 16 (step at 1..2), then +0.25 to 20 at index 18.
-std::vector<double> farStepRise() {
-    std::vector<double> z{10, 10, 16};
-    ramp(z, 20, 0.25);
-    return z;
-}
-// Rising side with a step just below the top: 10, 10, 11, ..., 14, 20 (top at index 6).
-std::vector<double> nearStepRise() { return {10, 10, 11, 12, 13, 14, 20}; }
-// Rising side that is a steep flank: 10, 10, 12.5, 15, 17.5, 20 (top at index 5).
-std::vector<double> flankRise() { return {10, 10, 12.5, 15, 17.5, 20}; }
 
-// Falling sides, appended after a top of 20.
-void gentleFall(std::vector<double>& z) {
-    ramp(z, 10, 1);
-    z.push_back(10);
-}
-void farStepFall(std::vector<double>& z) {  // 12 points of -0.5, then a drop of 6
-    ramp(z, 14, 0.5);
-    z.push_back(8);
-    z.push_back(8);
-}
-void nearStepFall(std::vector<double>& z) {  // a drop of 6 right after the top
-    z.push_back(14);
-    ramp(z, 10, 1);
-    z.push_back(10);
-}
-void nearStepFallSoftTop(std::vector<double>& z) {  // 19.8 first, so the first step is not steep
-    z.push_back(19.8);
-    ramp(z, 10.8, 1);
-    z.push_back(10.8);
-}
-void flankFall(std::vector<double>& z) {  // steps of 2.5: steep but below the jump height
-    ramp(z, 10, 2.5);
-    z.push_back(10);
-}
+// Rising sides: gentle, 10, 10, 11, ..., 20 (top at 11); with a far step, 10, 10,
+// 16 (step at 1..2), then +0.25 to 20 at 18; with a step just below the top at
+// 5..6; a steep flank 10, 12.5, ..., 20 (top at 5).
+const std::vector<double> kGentleRise = then({10, 10}, {}, 20, 1, {});
+const std::vector<double> kFarStepRise = then({10, 10, 16}, {}, 20, 0.25, {});
+const std::vector<double> kNearStepRise{10, 10, 11, 12, 13, 14, 20}, kFlankRise{10, 10, 12.5, 15, 17.5, 20};
+// Falling sides after a top of 20: gentle; steps of -0.5, then a drop of 6; a drop
+// of 6 first; a steep flank of steps 2.5, below the jump height.
+using Z = std::vector<double>;
+Z gentleFall(const Z& z) { return then(z, {}, 10, 1, {10}); }
+Z farStepFall(const Z& z) { return then(z, {}, 14, 0.5, {8, 8}); }
+Z nearStepFall(const Z& z) { return then(z, {14}, 10, 1, {10}); }
+Z flankFall(const Z& z) { return then(z, {}, 10, 2.5, {10}); }
 
 // ---- A plain version of the detector without V shapes, written straight from
 // the rules with a trend state and linear searches, for random comparisons ----
 
-struct PlainRun {
-    bool rising;
-    int start, end, stepStart, stepEnd;
-};
-
-struct PlainResult {
-    Found features;
-    Found endings;
-};
+struct PlainRun { bool rising; int start, end, stepStart, stepEnd; };
+struct PlainResult { Found features, endings; };
 
 PlainResult plainStepsAndFlanks(const std::vector<SKesp3DPosition>& p, const Params& prm) {
     PlainResult out;
@@ -177,13 +147,11 @@ PlainResult plainStepsAndFlanks(const std::vector<SKesp3DPosition>& p, const Par
             if (far) feats.emplace_back(r.rising ? 3 : 4, r.rising ? r.stepEnd : r.stepStart);
         }
     }
+    // A step near the next one of its type gives way to it.
     for (int j = static_cast<int>(feats.size()) - 2; j >= 0; --j) {
-        const auto& a = feats[static_cast<size_t>(j)];
-        const auto& b = feats[static_cast<size_t>(j) + 1];
-        if (a.first == b.first && (a.first == 1 || a.first == 2) && std::fabs(y(a.second) - y(b.second)) < 20.0) {
-            feats[static_cast<size_t>(j)] = b;
-            feats.erase(feats.begin() + j + 1);
-        }
+        const auto &a = feats[static_cast<size_t>(j)], &b = feats[static_cast<size_t>(j) + 1];
+        if (a.first == b.first && (a.first == 1 || a.first == 2) && std::fabs(y(a.second) - y(b.second)) < 20.0)
+            feats.erase(feats.begin() + j);
     }
     out.features = feats;
     for (const auto& sg : segs) {
@@ -207,11 +175,21 @@ TEST(LVFeature, TooFewPointsOrNullGiveNothing) {
     EXPECT_TRUE(lf.endings.empty());
 }
 
+TEST(LVFeature, StepsSegmentsAndOddHeights) {
+    const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
+    // A step of exactly jumpHeight is no step; the run is not steep enough to be a flank.
+    EXPECT_EQ(features({10, 10, 10, 13, 13, 13}, 10.0), Found{});
+    // z exactly 0.0001 is a measurement, 0.00009 is not.
+    EXPECT_EQ(typesAt(run(profile({0, 10, 10, 0.00009, 0}, 1.0)).endings), (Found{{6, 1}, {7, 2}}));
+    EXPECT_EQ(typesAt(run(profile({0.0001, 10, 0}, 1.0)).endings), (Found{{6, 0}, {7, 1}}));
+    // A NaN height is no measurement; infinite heights do not crash.
+    EXPECT_EQ(typesAt(run(profile({10, nan, 10}, 1.0)).endings), (Found{{6, 0}, {7, 2}}));
+    run(profile({10, inf, 10, inf, inf, -inf, 20, 5}, 1.0));
+}
+
 TEST(LVFeature, PlainVAtItsDeepestPointWithSegmentEnds) {
     // Rising 10..20 over indices 1..11, falling back over 11..22.
-    auto z = gentleRise();
-    gentleFall(z);
-    const auto pts = profile(z, 0.5);
+    const auto pts = profile(gentleFall(kGentleRise), 0.5);
     const SHX_lineFeature lf = run(pts, Params(), 42);
     EXPECT_EQ(typesAt(lf.features), (Found{{5, 11}}));
     EXPECT_EQ(typesAt(lf.endings), (Found{{6, 0}, {7, 22}}));
@@ -223,34 +201,6 @@ TEST(LVFeature, PlainVAtItsDeepestPointWithSegmentEnds) {
     EXPECT_EQ(v.featurePos.z, 20.0);
     EXPECT_EQ(lf.endings[1].lineIdx, 42);
     EXPECT_EQ(lf.lineIdx, -99);  // the record's own line index is the caller's
-}
-
-TEST(LVFeature, SingleStepAtItsLowerPoint) {
-    EXPECT_EQ(features({10, 10, 10, 16, 16, 16}), (Found{{1, 2}}));
-    EXPECT_EQ(features({16, 16, 16, 10, 10, 10}), (Found{{2, 3}}));
-    // A step of exactly jumpHeight is no step; the run is not steep enough to be a flank.
-    EXPECT_EQ(features({10, 10, 10, 13, 13, 13}, 10.0), Found{});
-}
-
-TEST(LVFeature, FlankNeedsSteepnessAndDistanceFromSegmentEnds) {
-    Params p;
-    p.zTol = 0.0;
-    p.yTol = 0.0;  // no V
-    // Rising run 2..6, largest step 2..3 (first of equal steps), falling 6.. of height 1.
-    std::vector<double> z{10, 10, 10, 12.5, 15, 17.5, 20, 19, 19, 19};
-    EXPECT_EQ(features(z, 0.5, p), (Found{{3, 3}}));  // high end 6, segment end 9
-    EXPECT_EQ(features(z, 1.0, p), Found{});           // slope (15 - 10) / 3 is below 2
-    z.pop_back();
-    EXPECT_EQ(features(z, 0.5, p), Found{});  // high end only 2 indices from the segment end
-    // Falling flank at the upper point of its largest step.
-    EXPECT_EQ(features({19, 19, 19, 19, 20, 17.5, 15, 12.5, 10, 10}, 0.5, p), (Found{{4, 4}}));
-    // The end of a segment cut by a gap counts like the line's end: 7 is 1 index away.
-    auto pts = profile({10, 10, 10, 12.5, 15, 17.5, 20, 19, 0, 19, 19, 19, 19}, 0.5);
-    pts[9].y += 5.0;  // the gap at index 8 splits the line
-    for (size_t i = 10; i < pts.size(); ++i) pts[i].y += 5.0;
-    const SHX_lineFeature lf = run(pts, p);
-    EXPECT_EQ(typesAt(lf.endings), (Found{{6, 0}, {7, 7}, {6, 9}, {7, 12}}));
-    EXPECT_EQ(typesAt(lf.features), Found{});
 }
 
 TEST(LVFeature, FlankSteepnessUsesArrayNeighboursEvenWhenInvalid) {
@@ -275,174 +225,72 @@ TEST(LVFeature, FlankSteepnessUsesArrayNeighboursEvenWhenInvalid) {
     EXPECT_EQ(features({0, 10, 12, 14, 16, 18, 17.5, 17.5, 17.5, 17.5}, 1.0, p), (Found{{3, 2}}));
 }
 
-// ---- Arbitration between a V and the candidates of its sides ----
+// ---- Arbitration between a V and the candidates of its sides, and the V check ----
 
-TEST(LVFeatureArbitration, NoCandidateOnEitherSide) {
-    auto z = gentleRise();
-    gentleFall(z);
-    EXPECT_EQ(features(z), (Found{{5, 11}}));
-}
-
-TEST(LVFeatureArbitration, OnlyFallingSideCandidate) {
-    auto far = gentleRise();
-    farStepFall(far);  // step 23..24, upper end 6.0 along y from the V
-    EXPECT_EQ(features(far), (Found{{5, 11}, {2, 24}}));
-
-    auto nearStep = gentleRise();
-    nearStepFall(nearStep);  // a near step wins over the V
-    EXPECT_EQ(features(nearStep), (Found{{2, 12}}));
-
-    auto nearFlank = gentleRise();
-    flankFall(nearFlank);  // a near flank of a shallow V is the V's own side
-    EXPECT_EQ(features(nearFlank), (Found{{5, 11}}));
-
-    // The same near flank when the V changes depth by 40 or more wins over it.
-    std::vector<double> deep{50, 50};
-    ramp(deep, 60, 1);
-    for (double v : {45.0, 30.0, 15.0, 10.0, 10.0}) deep.push_back(v);
-    Params p;
-    p.jumpHeight = 20.0;
-    EXPECT_EQ(features(deep, 0.5, p), (Found{{4, 11}}));  // depth change 50 - 10 = 40
-    deep[deep.size() - 2] = deep.back() = 10.5;            // 39.5: the V again
-    EXPECT_EQ(features(deep, 0.5, p), (Found{{5, 11}}));
-}
-
-TEST(LVFeatureArbitration, OnlyRisingSideCandidate) {
-    auto far = farStepRise();  // step 1..2, upper end 8.0 along y from the V at 18
-    gentleFall(far);
-    EXPECT_EQ(features(far), (Found{{1, 1}, {5, 18}}));
-
-    auto nearStep = nearStepRise();
-    nearStepFallSoftTop(nearStep);
-    EXPECT_EQ(features(nearStep), (Found{{1, 5}}));
-
-    auto nearFlank = flankRise();  // flank at 2, 1.5 along y from the V at 5
-    gentleFall(nearFlank);
-    EXPECT_EQ(features(nearFlank), (Found{{5, 5}}));
-
-    // Rising flank 10 -> 100 in steps of 15, falling side ending at 60: depth change -50.
-    std::vector<double> deep{10, 10, 25, 40, 55, 70, 85, 100, 99.8};
-    ramp(deep, 60.3, 0.5);
-    deep.push_back(60.3);
-    Params p;
-    p.jumpHeight = 20.0;
-    EXPECT_EQ(features(deep, 0.5, p), (Found{{3, 2}}));
-}
-
-TEST(LVFeatureArbitration, CandidatesOnBothSides) {
-    auto bothFar = farStepRise();
-    farStepFall(bothFar);
-    EXPECT_EQ(features(bothFar), (Found{{1, 1}, {5, 18}, {2, 31}}));
-
-    auto farThenNearStep = farStepRise();
-    nearStepFall(farThenNearStep);
-    EXPECT_EQ(features(farThenNearStep), (Found{{1, 1}, {2, 19}}));
-
-    auto farThenNearFlank = farStepRise();
-    flankFall(farThenNearFlank);  // the near flank gives way to the V
-    EXPECT_EQ(features(farThenNearFlank), (Found{{1, 1}, {5, 18}}));
-
-    auto nearStepThenFar = nearStepRise();
-    farStepFall(nearStepThenFar);
-    EXPECT_EQ(features(nearStepThenFar), (Found{{1, 5}, {2, 19}}));
-
-    auto nearFlankThenFar = flankRise();
-    farStepFall(nearFlankThenFar);
-    EXPECT_EQ(features(nearFlankThenFar), (Found{{5, 5}, {2, 18}}));
-
-    auto bothNearShallow = nearStepRise();
-    nearStepFall(bothNearShallow);
-    EXPECT_EQ(features(bothNearShallow), (Found{{5, 6}}));
-}
-
-TEST(LVFeatureArbitration, BothNearAndDeepKeepsTheDeeperRetypedByDepthSign) {
-    // Steps at 5 (z 55) and 7 (z 54); depth change 50 - 10 = 40 > 0: the deeper, A, as type 4.
-    std::vector<double> down{50, 50, 51, 52, 53, 55, 60, 54};
-    ramp(down, 10, 4);
-    down.push_back(10);
-    EXPECT_EQ(features(down), (Found{{4, 5}}));
-    down[5] = 54;  // equal depths: B
-    EXPECT_EQ(features(down), (Found{{4, 7}}));
-
-    // Steps at 12 (z 54) and 14 (z 55); depth change 10 - 54.5 < 0: B as type 3.
-    std::vector<double> up{10, 10, 14};
-    ramp(up, 54, 4);
-    for (double v : {60.0, 55.0, 54.5, 54.5}) up.push_back(v);
-    EXPECT_EQ(features(up), (Found{{3, 14}}));
-}
-
-// ---- The V check ----
-
-TEST(LVFeatureVCheck, EqualTopsCompareHalfTheToleranceBelowTheTop) {
-    // Narrow tip, wide base: 18 is at y 7 and 9, 16 at y 6 and 10.
-    const std::vector<double> z{10, 11, 12, 13, 14, 15, 16, 18, 20, 18, 16, 14, 12, 10, 10};
-    Params p;
-    p.jumpHeight = 100.0;
-    p.zTol = 4.0;
-    p.yTol = 3.0;
-    EXPECT_EQ(features(z, 1.0, p), (Found{{5, 8}}));  // at 20 - 2: width 2
-    p.yTol = 2.0;
-    EXPECT_EQ(features(z, 1.0, p), Found{});
-}
-
-TEST(LVFeatureVCheck, DeeperFallingTopComparesTheFullToleranceBelowIt) {
-    // Rising to 20 at 3, a small wobble (runs below minRunHeight), falling from 20.4 at 5.
-    const std::vector<double> z{10, 16.4, 18.4, 20, 19.6, 20.4, 18.4, 16.4, 10, 10};
-    Params p;
-    p.jumpHeight = 100.0;
-    p.zTol = 4.0;
-    p.yTol = 5.0;  // at 16.4 the sides are 6 apart (at 18.4 they would be 4)
-    EXPECT_EQ(features(z, 1.0, p), Found{});
-    p.yTol = 7.0;
-    EXPECT_EQ(features(z, 1.0, p), (Found{{5, 5}}));  // the deeper top
-}
-
-TEST(LVFeatureVCheck, TopsFartherApartThanZTolCompareYWithTheFallingTopHeight) {
-    Params p;
-    p.jumpHeight = 100.0;
-    p.zTol = 0.1;
-    p.yTol = 1.0;
-    // Falling top deeper (20.3 at 12); its nearest point to 20 is index 12 itself.
-    std::vector<double> a{10};
-    ramp(a, 20, 1);
-    a.push_back(19.5);
-    a.push_back(20.3);
-    ramp(a, 10.3, 1);
-    EXPECT_EQ(typesAt(run(profile(a, 1.0, 8.0), p).features), (Found{{5, 12}}));  // |20 - 20.3|
-    EXPECT_EQ(typesAt(run(profile(a, 1.0, 0.0), p).features), Found{});          // |12 - 20.3|
-
-    // Rising top deeper (20.3 at 10); its nearest point to the falling top 20 is index 10.
-    std::vector<double> b{10.3};
-    ramp(b, 20.3, 1);
-    b.push_back(19.5);
-    b.push_back(20);
-    ramp(b, 10, 1);
-    EXPECT_EQ(typesAt(run(profile(b, 1.0, 10.0), p).features), (Found{{5, 10}}));  // |20 - 20|
-    EXPECT_EQ(typesAt(run(profile(b, 1.0, 0.0), p).features), Found{});
+TEST(LVFeature, ArbitrationAndVCheck) {
+    struct Case {
+        std::vector<double> z;
+        Found want;
+        Params p;
+        double pitch, y0;
+    };
+    const Params d, jump20{1, 20, 2, 1, 2};
+    const Case cases[] = {
+        // No candidate on either side: the V at its deepest point.
+        {gentleFall(kGentleRise), {{5, 11}}, d, 0.5, 0},
+        // Falling side only: a far step (upper end 6.0 along y from the V) stays beside the V,
+        {farStepFall(kGentleRise), {{5, 11}, {2, 24}}, d, 0.5, 0},
+        // a near step wins over the V, a near flank of a shallow V is the V's own side,
+        {nearStepFall(kGentleRise), {{2, 12}}, d, 0.5, 0},
+        {flankFall(kGentleRise), {{5, 11}}, d, 0.5, 0},
+        // and the same near flank wins when the V changes depth by 40 or more (50 - 10), not 39.5.
+        {then({50, 50}, {}, 60, 1, {45, 30, 15, 10, 10}), {{4, 11}}, jump20, 0.5, 0},
+        {then({50, 50}, {}, 60, 1, {45, 30, 15, 10.5, 10.5}), {{5, 11}}, jump20, 0.5, 0},
+        // Rising side only: a far step (8.0 from the V at 18), a near step, a near flank (1.5 away),
+        {gentleFall(kFarStepRise), {{1, 1}, {5, 18}}, d, 0.5, 0},
+        {then(kNearStepRise, {19.8}, 10.8, 1, {10.8}), {{1, 5}}, d, 0.5, 0},  // 19.8: first fall not steep
+        {gentleFall(kFlankRise), {{5, 5}}, d, 0.5, 0},
+        // and a deep rising flank 10 -> 100 in steps of 15 with the falling side ending at 60.
+        {then({10, 10, 25, 40, 55, 70, 85, 100, 99.8}, {}, 60.3, 0.5, {60.3}), {{3, 2}}, jump20, 0.5, 0},
+        // Candidates on both sides: each far one stays, a near step wins, a near flank gives way.
+        {farStepFall(kFarStepRise), {{1, 1}, {5, 18}, {2, 31}}, d, 0.5, 0},
+        {nearStepFall(kFarStepRise), {{1, 1}, {2, 19}}, d, 0.5, 0},
+        {flankFall(kFarStepRise), {{1, 1}, {5, 18}}, d, 0.5, 0},
+        {farStepFall(kNearStepRise), {{1, 5}, {2, 19}}, d, 0.5, 0},
+        {farStepFall(kFlankRise), {{5, 5}, {2, 18}}, d, 0.5, 0},
+        {nearStepFall(kNearStepRise), {{5, 6}}, d, 0.5, 0},  // both near, shallow: the V
+        // Both near and deep: the deeper, retyped by the sign of the depth change. Steps at 5
+        // (z 55) and 7 (z 54), change 50 - 10 > 0: A as type 4; equal depths: B.
+        {then({50, 50, 51, 52, 53, 55, 60, 54}, {}, 10, 4, {10}), {{4, 5}}, d, 0.5, 0},
+        {then({50, 50, 51, 52, 53, 54, 60, 54}, {}, 10, 4, {10}), {{4, 7}}, d, 0.5, 0},
+        // Steps at 12 (z 54) and 14 (z 55), change 10 - 54.5 < 0: B as type 3.
+        {then({10, 10, 14}, {}, 54, 4, {60, 55, 54.5, 54.5}), {{3, 14}}, d, 0.5, 0},
+        // V check, equal tops: widths compared half of zTol below the top (18 at y 7
+        // and 9, 16 at y 6 and 10): width 2 passes yTol 3, not yTol 2.
+        {{10, 11, 12, 13, 14, 15, 16, 18, 20, 18, 16, 14, 12, 10, 10}, {{5, 8}}, {1, 100, 2, 4, 3}, 1, 0},
+        {{10, 11, 12, 13, 14, 15, 16, 18, 20, 18, 16, 14, 12, 10, 10}, {}, {1, 100, 2, 4, 2}, 1, 0},
+        // Deeper falling top (20.4 at 5 after a wobble): the full zTol below it, at 16.4
+        // the sides are 6 apart (at 18.4 they would be 4); the V at the deeper top.
+        {{10, 16.4, 18.4, 20, 19.6, 20.4, 18.4, 16.4, 10, 10}, {}, {1, 100, 2, 4, 5}, 1, 0},
+        {{10, 16.4, 18.4, 20, 19.6, 20.4, 18.4, 16.4, 10, 10}, {{5, 5}}, {1, 100, 2, 4, 7}, 1, 0},
+        // Tops farther apart than zTol: y compared at the falling top's height. Falling
+        // top deeper (20.3 at 12), its nearest point to 20 itself: |20 - 20.3| with y0 8,
+        {then(then({10}, {}, 20, 1, {19.5, 20.3}), {}, 10.3, 1, {}), {{5, 12}}, {1, 100, 2, 0.1, 1}, 1, 8},
+        {then(then({10}, {}, 20, 1, {19.5, 20.3}), {}, 10.3, 1, {}), {}, {1, 100, 2, 0.1, 1}, 1, 0},
+        // rising top deeper (20.3 at 10), its nearest point to the falling top 20 is 10.
+        {then(then({10.3}, {}, 20.3, 1, {19.5, 20}), {}, 10, 1, {}), {{5, 10}}, {1, 100, 2, 0.1, 1}, 1, 10},
+        {then(then({10.3}, {}, 20.3, 1, {19.5, 20}), {}, 10, 1, {}), {}, {1, 100, 2, 0.1, 1}, 1, 0},
+    };
+    for (size_t k = 0; k < sizeof cases / sizeof *cases; ++k) {
+        const Case& c = cases[k];
+        EXPECT_EQ(typesAt(run(profile(c.z, c.pitch, c.y0), c.p).features), c.want) << "case " << k;
+    }
 }
 
 // ---- Merging of near steps ----
 
-TEST(LVFeature, NearStepsOfOneTypeCollapseIntoTheLaterOne) {
-    Params p;
-    p.zTol = 0.0;
-    p.yTol = 0.0;  // no V
-    // Rising steps at y 0, 14 and 29, each followed by a drop of 1 and a plateau.
-    std::vector<double> z{10, 15, 14};
-    z.resize(15, 14);
-    z.push_back(19);
-    z.push_back(18);
-    z.resize(30, 18);
-    z.push_back(23);
-    z.push_back(22);
-    z.push_back(22);
-    // 14 -> 29 collapses first; the survivor at 29 is then 29 away from 0.
-    EXPECT_EQ(features(z, 1.0, p), (Found{{1, 0}, {1, 29}}));
-
-    // Different types never collapse; a falling step 2 after a rising one stays.
-    EXPECT_EQ(features({10, 10, 16, 16, 16, 10, 10}, 1.0, p), (Found{{1, 1}, {2, 5}}));
-
-    // Features already in the record are left alone.
+TEST(LVFeature, StepsAlreadyInTheRecordAreNotMerged) {
+    // The record's own step (y -5) is 6 from the new one: near, but left alone.
     SHX_lineFeature lf;
     SHX_basicFeature1D old;
     old.featureType = 1;
@@ -451,68 +299,6 @@ TEST(LVFeature, NearStepsOfOneTypeCollapseIntoTheLaterOne) {
     const auto pts = profile({10, 10, 16, 16}, 1.0);
     hx_getLineLVFeature(pts.data(), 4, 0, SHX_slopeParam{0, 1, 3, 2}, SHX_VFeatureParam{0, 0}, &lf);
     EXPECT_EQ(typesAt(lf.features), (Found{{1, 0}, {1, 1}}));
-}
-
-// ---- Segments ----
-
-TEST(LVFeatureSegments, GapsSplitOnlyWhenWiderThanMaxGapY) {
-    Params p;  // maxGapY 2
-    // Gap over index 2 spans y 2 (kept), gap over 5..7 spans 4 (split).
-    EXPECT_EQ(typesAt(run(profile({10, 10, 0, 10, 10, 0, 0, 0, 10, 10}, 1.0), p).endings),
-              (Found{{6, 0}, {7, 4}, {6, 8}, {7, 9}}));
-    // Invalid points at both ends: the segment closes at the last valid point.
-    EXPECT_EQ(typesAt(run(profile({0, 10, 10, 0.00009, 0}, 1.0), p).endings), (Found{{6, 1}, {7, 2}}));
-    // z exactly 0.0001 is a measurement.
-    EXPECT_EQ(typesAt(run(profile({0.0001, 10, 0}, 1.0), p).endings), (Found{{6, 0}, {7, 1}}));
-    // The line's last point closes the segment across any gap.
-    EXPECT_EQ(typesAt(run(profile({10, 10, 0, 0, 0, 10}, 1.0), p).endings), (Found{{6, 0}, {7, 5}}));
-    // One valid point in the middle is a one-point segment; nothing valid, no segment.
-    EXPECT_EQ(typesAt(run(profile({0, 10, 0}, 1.0), p).endings), (Found{{6, 1}, {7, 1}}));
-    EXPECT_TRUE(run(profile({0, 0, 0}, 1.0), p).endings.empty());
-}
-
-TEST(LVFeatureSegments, RunsBridgeGapsAndSplitSegments) {
-    // The rising run 10 -> 16 spans the split; its step (1 -> 5) is still found.
-    const auto pts = profile({10, 10, 0, 0, 0, 16, 16}, 1.0);
-    const SHX_lineFeature lf = run(pts);
-    EXPECT_EQ(typesAt(lf.features), (Found{{1, 1}}));
-    EXPECT_EQ(typesAt(lf.endings), (Found{{6, 0}, {7, 1}, {6, 5}, {7, 6}}));
-}
-
-TEST(LVFeature, NonFiniteHeightsAndRandomProfilesStayInBounds) {
-    const double nan = std::numeric_limits<double>::quiet_NaN();
-    const double inf = std::numeric_limits<double>::infinity();
-    EXPECT_EQ(typesAt(run(profile({10, nan, 10}, 1.0)).endings), (Found{{6, 0}, {7, 2}}));
-    run(profile({10, inf, 10, inf, inf, -inf, 20, 5}, 1.0));
-
-    testutil::Rng rng(7);
-    for (int trial = 0; trial < 300; ++trial) {
-        const int n = static_cast<int>(rng.integer(2, 120));
-        std::vector<double> z(static_cast<size_t>(n));
-        for (auto& v : z) v = rng.integer(0, 5) == 0 ? 0.0 : rng.uniform(0.0, 60.0);
-        Params p;
-        p.minRunHeight = rng.uniform(0, 5);
-        p.jumpHeight = rng.uniform(0, 20);
-        p.maxGapY = rng.uniform(0, 3);
-        p.zTol = rng.uniform(0, 5);
-        p.yTol = rng.uniform(0, 10);
-        const auto pts = profile(z, rng.uniform(0.1, 2.0));
-        const SHX_lineFeature lf = run(pts, p);
-        ASSERT_EQ(lf.endings.size() % 2, 0u);
-        for (size_t k = 0; k < lf.endings.size(); k += 2) {
-            EXPECT_LE(lf.endings[k].featurePos.nPointIdx, lf.endings[k + 1].featurePos.nPointIdx);
-            if (k > 0) EXPECT_LT(lf.endings[k - 1].featurePos.nPointIdx, lf.endings[k].featurePos.nPointIdx);
-        }
-        for (const auto& f : lf.features) {
-            ASSERT_GE(f.featurePos.nPointIdx, 0);
-            ASSERT_LT(f.featurePos.nPointIdx, n);
-            EXPECT_GE(f.featureType, 1);
-            EXPECT_LE(f.featureType, 5);
-            EXPECT_EQ(f.featurePos.y, pts[static_cast<size_t>(f.featurePos.nPointIdx)].y);
-            EXPECT_EQ(f.featurePos.z, pts[static_cast<size_t>(f.featurePos.nPointIdx)].z);
-            EXPECT_GT(f.featurePos.z, 0.0);
-        }
-    }
 }
 
 TEST(LVFeature, MatchesPlainVersionWithoutVShapesOnRandomProfiles) {

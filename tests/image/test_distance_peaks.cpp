@@ -28,39 +28,24 @@ cv::Mat distance(const cv::Mat& src, int distType) {
 cv::Mat referenceDistance(const cv::Mat& src, int distType) {
     cv::Mat f = src.clone();
     const int n = f.rows, m = f.cols;
-    const float orth = 1.0f, diag = distType == 0 ? kSqrt2f : distType == 1 ? 2.0f : 1.0f;
-    auto relax = [](float& v, float c) {
-        if (c < v) v = c;
+    const float diag = distType == 0 ? kSqrt2f : distType == 1 ? 2.0f : 1.0f;
+    auto at = [&](int y, int x) -> float& { return f.at<float>(y, x); };
+    auto relax = [&](int y, int x, std::initializer_list<float> candidates) {
+        float v = at(y, x);
+        for (float c : candidates)
+            if (c < v) v = c;
+        at(y, x) = v;
     };
-    if (n >= 3 && m >= 2) {
-        for (int y = 1; y <= n - 2; ++y) {
-            for (int x = 1; x <= m - 1; ++x) {
-                float v = f.at<float>(y, x);
-                relax(v, f.at<float>(y - 1, x - 1) + diag);
-                relax(v, f.at<float>(y - 1, x) + orth);
-                relax(v, f.at<float>(y, x - 1) + orth);
-                relax(v, f.at<float>(y + 1, x - 1) + diag);
-                f.at<float>(y, x) = v;
-            }
-        }
-    }
-    if (n >= 3) {
-        for (int y = n - 2; y >= 1; --y) {
-            for (int x = m - 2; x >= 0; --x) {
-                float v = f.at<float>(y, x);
-                relax(v, f.at<float>(y + 1, x) + orth);
-                relax(v, f.at<float>(y + 1, x + 1) + diag);
-                relax(v, f.at<float>(y, x + 1) + orth);
-                relax(v, f.at<float>(y - 1, x + 1) + diag);
-                f.at<float>(y, x) = v;
-            }
-        }
-    }
-    for (int y = 0; y < n; ++y) {
-        for (int x = 0; x < m; ++x) {
-            if (y == 0 || y == n - 1 || x == 0 || x == m - 1) f.at<float>(y, x) = 0.0f;
-        }
-    }
+    // Top down over rows 1..n-2 and columns 1..m-1, then bottom up over columns m-2..0.
+    for (int y = 1; m >= 2 && y <= n - 2; ++y)
+        for (int x = 1; x <= m - 1; ++x)
+            relax(y, x, {at(y - 1, x - 1) + diag, at(y - 1, x) + 1.0f, at(y, x - 1) + 1.0f, at(y + 1, x - 1) + diag});
+    for (int y = n - 2; y >= 1; --y)
+        for (int x = m - 2; x >= 0; --x)
+            relax(y, x, {at(y + 1, x) + 1.0f, at(y + 1, x + 1) + diag, at(y, x + 1) + 1.0f, at(y - 1, x + 1) + diag});
+    for (int y = 0; y < n; ++y)
+        for (int x = 0; x < m; ++x)
+            if (y == 0 || y == n - 1 || x == 0 || x == m - 1) at(y, x) = 0.0f;
     return f;
 }
 
@@ -89,28 +74,14 @@ struct Peak {
     double value;
 };
 
-std::vector<Peak> asPeaks(const std::vector<SHX_2DValueI>& v) {
-    std::vector<Peak> out;
-    for (const auto& p : v) {
-        EXPECT_EQ(p.featureType, 0);
-        EXPECT_EQ(p.value2, 0);
-        out.push_back(Peak{p.x, p.y, p.value});
-    }
-    return out;
-}
-
+// Positions and values equal bit for bit (NaN as NaN, -0 as -0); type and value2 zero.
 void expectPeaks(const std::vector<SHX_2DValueI>& got, const std::vector<Peak>& want) {
-    const std::vector<Peak> g = asPeaks(got);
-    ASSERT_EQ(g.size(), want.size());
-    for (size_t i = 0; i < g.size(); ++i) {
-        EXPECT_EQ(g[i].x, want[i].x) << i;
-        EXPECT_EQ(g[i].y, want[i].y) << i;
-        if (std::isnan(want[i].value)) {
-            EXPECT_TRUE(std::isnan(g[i].value)) << i;
-        } else {
-            EXPECT_EQ(g[i].value, want[i].value) << i;
-            EXPECT_EQ(std::signbit(g[i].value), std::signbit(want[i].value)) << i;  // -0 stays -0
-        }
+    ASSERT_EQ(got.size(), want.size());
+    for (size_t i = 0; i < got.size(); ++i) {
+        EXPECT_TRUE(got[i].x == want[i].x && got[i].y == want[i].y) << i;
+        EXPECT_TRUE(got[i].featureType == 0 && got[i].value2 == 0) << i;
+        EXPECT_TRUE(std::memcmp(&got[i].value, &want[i].value, sizeof(double)) == 0 ||
+                    (std::isnan(got[i].value) && std::isnan(want[i].value))) << i << ": " << got[i].value;
     }
 }
 
@@ -200,57 +171,38 @@ std::vector<SHX_2DValueI> scanPeaks(std::vector<std::vector<SKesp3DPosition>>& s
 
 }  // namespace
 
-// ---------------------------------------------------------------------------
-// Distance transform
-// ---------------------------------------------------------------------------
+// ---- Distance transform ----
 
-TEST(DistanceTransform, SeedInTheMiddleForEachStepCost) {
+TEST(DistanceTransform, HandWorkedCases) {
     cv::Mat src(5, 5, CV_32F, cv::Scalar(kBig));
     src.at<float>(2, 2) = 0.0f;
+    // Each step cost: sqrt(2) and 2 on the diagonal, and any other type 1 everywhere.
     expectInterior(distance(src, 1), {{2, 1, 2}, {1, 0, 1}, {2, 1, 2}});
     expectInterior(distance(src, 0), {{kSqrt2f, 1, kSqrt2f}, {1, 0, 1}, {kSqrt2f, 1, kSqrt2f}});
     EXPECT_EQ(kSqrt2f, 1.41421354f);
     for (int other : {2, -1, 7}) expectInterior(distance(src, other), {{1, 1, 1}, {1, 0, 1}, {1, 1, 1}});
     EXPECT_EQ(src.at<float>(1, 1), kBig);  // the input is left alone
-}
-
-TEST(DistanceTransform, ForwardPassLooksBelowLeft) {
-    // Only the below-left neighbour of the top-down pass carries the seed to
-    // (1, 1) and on along the row to (1, 2); an up-right mask would leave
-    // (1, 2) at its starting value.
-    cv::Mat src(3, 4, CV_32F, cv::Scalar(kBig));
-    src.at<float>(2, 0) = 0.0f;
-    const cv::Mat d = distance(src, 0);
-    expectInterior(d, {{kSqrt2f, kSqrt2f + 1.0f}});
-}
-
-TEST(DistanceTransform, FewRowsOrColumnsKeepOnlyTheZeroFrame) {
+    // Fewer than three rows or two columns: only the zero frame.
     for (const cv::Size sz : {cv::Size(6, 1), cv::Size(6, 2), cv::Size(1, 6), cv::Size(2, 6), cv::Size(1, 1)}) {
         const cv::Mat d = distance(cv::Mat(sz, CV_32F, cv::Scalar(kBig)), 0);
         EXPECT_EQ(d.size(), sz);
         EXPECT_EQ(cv::countNonZero(d), 0);
     }
     EXPECT_TRUE(distance(cv::Mat(), 0).empty());
-    // Two columns: the top-down pass still runs on column 1, and the frame
-    // covers everything anyway.
-    EXPECT_EQ(cv::countNonZero(distance(cv::Mat(5, 2, CV_32F, cv::Scalar(kBig)), 1)), 0);
-}
-
-TEST(DistanceTransform, OutputSharingTheInputMatrix) {
+    // The output sharing the input matrix gets a fresh buffer.
     cv::Mat img(6, 6, CV_32F, cv::Scalar(kBig));
     img.at<float>(3, 3) = 0.0f;
-    const cv::Mat want = referenceDistance(img, 0);
-    const cv::Mat alias = img;
+    const cv::Mat want = referenceDistance(img, 0), alias = img;
     hx_distanceTrans(img, img, 0);
     EXPECT_TRUE(sameBits(img, want));
-    EXPECT_EQ(alias.at<float>(1, 1), kBig);  // the original buffer was not written
+    EXPECT_EQ(alias.at<float>(1, 1), kBig);
 }
 
 TEST(DistanceTransform, MatchesLiteralPassesOnRandomImages) {
     std::mt19937 rng(99);
     std::uniform_real_distribution<float> u(0.0f, 1.0f);
-    const float specials[] = {std::numeric_limits<float>::quiet_NaN(), -0.0f, -3.5f,
-                              std::numeric_limits<float>::infinity(), 1e30f};
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float specials[] = {nan, -0.0f, -3.5f, std::numeric_limits<float>::infinity(), 1e30f};
     for (int iter = 0; iter < 400; ++iter) {
         const int rows = 1 + static_cast<int>(rng() % 30), cols = 1 + static_cast<int>(rng() % 30);
         cv::Mat src(rows, cols, CV_32F);
@@ -263,105 +215,23 @@ TEST(DistanceTransform, MatchesLiteralPassesOnRandomImages) {
                 src.at<float>(y, x) = v;
             }
         }
-        for (int distType : {0, 1, 2}) {
-            EXPECT_TRUE(sameBits(distance(src, distType), referenceDistance(src, distType)))
-                << "iter " << iter << " type " << distType;
-        }
+        for (int distType : {0, 1, 2})
+            EXPECT_TRUE(sameBits(distance(src, distType), referenceDistance(src, distType))) << iter << " " << distType;
     }
-}
-
-TEST(DistanceTransform, MatchesLiteralPassesOnWideRowsWithSparseSeeds) {
-    // Rows long enough to be relaxed in pieces. Sparse seeds make distances
-    // that run far along the rows, across piece boundaries; a NaN pixel stops
-    // the run (the pixels after it take their values from other rows).
-    std::mt19937 rng(7);
+    // Rows long enough to be relaxed in pieces: sparse seeds make distances run
+    // across piece boundaries; a NaN pixel stops the run.
     for (int cols : {127, 128, 135, 300, 1031}) {
         cv::Mat src(24, cols, CV_32F, cv::Scalar(1e6f));
         for (int y = 0; y < src.rows; y += 6)
             for (int x = 0; x < cols; x += 150) src.at<float>(y, x) = 0.0f;
-        for (int k = 0; k < 12; ++k) {
-            const float special = k % 2 ? std::numeric_limits<float>::quiet_NaN() : 1e20f;
-            src.at<float>(static_cast<int>(rng() % 24), static_cast<int>(rng() % cols)) = special;
-        }
-        for (int distType : {0, 1}) {
+        for (int k = 0; k < 12; ++k)
+            src.at<float>(static_cast<int>(rng() % 24), static_cast<int>(rng() % cols)) = k % 2 ? nan : 1e20f;
+        for (int distType : {0, 1})
             EXPECT_TRUE(sameBits(distance(src, distType), referenceDistance(src, distType))) << cols;
-        }
     }
 }
 
-// ---------------------------------------------------------------------------
-// Window peaks on an image
-// ---------------------------------------------------------------------------
-
-TEST(ImagePeaks, BrightPixelSeenByFourWindowsIsReportedOnce) {
-    cv::Mat img = cv::Mat::zeros(20, 20, CV_32F);
-    img.at<float>(10, 10) = 7.5f;
-    expectPeaks(imagePeaks(img, 6, 6), {{10, 10, 7.5}});
-}
-
-TEST(ImagePeaks, MaximaOnWindowBordersOnlyWhereClipped) {
-    // 4 x 4 windows start every 2 pixels. Column 0 and row 0 are the first
-    // column or row of every window holding them; the last column and row are
-    // inside the clipped windows that start on column 8 or row 8.
-    for (const Peak& p : {Peak{0, 5, 0}, Peak{5, 0, 0}}) {
-        cv::Mat img = cv::Mat::zeros(10, 10, CV_32F);
-        img.at<float>(p.y, p.x) = 5.0f;
-        EXPECT_TRUE(imagePeaks(img, 4, 4).empty()) << p.x << "," << p.y;
-    }
-    for (const Peak& p : {Peak{9, 5, 5.0}, Peak{5, 9, 5.0}, Peak{9, 9, 5.0}}) {
-        cv::Mat img = cv::Mat::zeros(10, 10, CV_32F);
-        img.at<float>(p.y, p.x) = 5.0f;
-        expectPeaks(imagePeaks(img, 4, 4), {p});
-    }
-}
-
-TEST(ImagePeaks, TiesKeepTheFirstPixelColumnByColumn) {
-    // Equal maxima at (x 3, y 5) and (x 4, y 2) in the window at the origin:
-    // column order meets (3, 5) first; (4, 2) is on the first column of the
-    // only other window that holds it.
-    cv::Mat img = cv::Mat::zeros(10, 10, CV_32F);
-    img.at<float>(5, 3) = 3.0f;
-    img.at<float>(2, 4) = 3.0f;
-    expectPeaks(imagePeaks(img, 8, 8), {{3, 5, 3.0}});
-}
-
-TEST(ImagePeaks, WindowStartsPairCountersWithTheOtherSize) {
-    // 8 columns x 4 rows, W = 4, H = 3: rows start at (k*4)/2 = 0, 2 and
-    // columns at (j*3)/2 = 0, 1, 3, 4. (2, 2) lies on a window's last or first
-    // row in every window; (6, 1) is inside the window at column 4.
-    cv::Mat img = cv::Mat::zeros(4, 8, CV_32F);
-    img.at<float>(1, 6) = 5.0f;
-    img.at<float>(2, 2) = 9.0f;
-    expectPeaks(imagePeaks(img, 4, 3), {{6, 1, 5.0}});
-}
-
-TEST(ImagePeaks, DegenerateInputGivesNoPeaks) {
-    cv::Mat img = cv::Mat::zeros(20, 20, CV_32F);
-    img.at<float>(10, 10) = 1.0f;
-    for (const SHX_localPkParam bad : {SHX_localPkParam{1, 6}, SHX_localPkParam{6, 1}, SHX_localPkParam{0, 0},
-                                       SHX_localPkParam{-4, 6}}) {
-        std::vector<SHX_2DValueI> v(1);
-        hx_getLocalPeaks_distTransform(img, v, bad);
-        EXPECT_EQ(v.size(), 1u);  // nothing appended, nothing cleared
-    }
-    EXPECT_TRUE(imagePeaks(cv::Mat(), 6, 6).empty());
-    cv::Mat asInt;
-    img.convertTo(asInt, CV_32S);
-    EXPECT_TRUE(imagePeaks(asInt, 6, 6).empty());
-    // Huge windows: one window clipped on both far sides.
-    expectPeaks(imagePeaks(img, 2147483647, 2147483647), {{10, 10, 1.0}});
-}
-
-TEST(ImagePeaks, NegativeValuesAreReplacedUntilANonNegativeOne) {
-    // While the best is negative every pixel replaces it: in the window at the
-    // origin the 0 at (2, 2) takes over and stays; in the all-negative window
-    // at (3, 3) the last pixel, (5, 5), is kept.
-    cv::Mat img(6, 6, CV_32F, cv::Scalar(-1.0f));
-    img.at<float>(2, 2) = 0.0f;
-    img.at<float>(1, 4) = -0.5f;
-    expectPeaks(imagePeaks(img, 6, 6), {{2, 2, 0.0}, {5, 5, -1.0}});
-}
-
+// ---- Window peaks ----
 TEST(ImagePeaks, MatchesLiteralSearchOnRandomImages) {
     std::mt19937 rng(2024);
     for (int iter = 0; iter < 500; ++iter) {
@@ -386,24 +256,9 @@ TEST(ImagePeaks, MatchesLiteralSearchOnRandomImages) {
                 img.at<float>(y, x) = v;
             }
         }
-        SCOPED_TRACE(::testing::Message() << "iter " << iter << " " << cols << "x" << rows << " win " << w << "x"
-                                          << h);
+        SCOPED_TRACE(::testing::Message() << "iter " << iter << " win " << w << "x" << h);
         expectPeaks(imagePeaks(img, w, h), referenceImagePeaks(img, w, h));
     }
-}
-
-// ---------------------------------------------------------------------------
-// Window peaks on a scan
-// ---------------------------------------------------------------------------
-
-TEST(ScanPeaks, WindowStartsPairCountersWithTheOtherSize) {
-    // 3 lines of 40 points, 4 x 4 windows: the inner counter runs over
-    // ceil(3 / 2) = 2 point starts (0 and 2), so only points 0..5 are searched
-    // and the deeper minimum at point 20 is never seen.
-    auto scan = scanOfZ(3, 40, 100.0);
-    scan[1][20].z = 50.0;
-    scan[1][2].z = 60.0;
-    expectPeaks(scanPeaks(scan, 4, 4), {{1, 2, 60.0}});
 }
 
 TEST(ScanPeaks, InvalidPointsAreSkippedAndTiesKeepTheLowerLine) {
@@ -417,9 +272,25 @@ TEST(ScanPeaks, InvalidPointsAreSkippedAndTiesKeepTheLowerLine) {
     expectPeaks(scanPeaks(scan, 4, 4), {{2, 2, 0.0001}});
 }
 
-TEST(ScanPeaks, AllInvalidAndDegenerateInputGiveNoPeaks) {
+TEST(WindowPeaks, DegenerateInputGivesNoPeaks) {
+    cv::Mat img = cv::Mat::zeros(20, 20, CV_32F);
+    img.at<float>(10, 10) = 1.0f;
+    // Windows below 2: nothing appended, nothing cleared.
+    for (const SHX_localPkParam bad : {SHX_localPkParam{1, 6}, SHX_localPkParam{6, 1}, SHX_localPkParam{0, 0},
+                                       SHX_localPkParam{-4, 6}}) {
+        std::vector<SHX_2DValueI> v(1);
+        hx_getLocalPeaks_distTransform(img, v, bad);
+        EXPECT_EQ(v.size(), 1u);
+    }
+    EXPECT_TRUE(imagePeaks(cv::Mat(), 6, 6).empty());
+    cv::Mat asInt;
+    img.convertTo(asInt, CV_32S);
+    EXPECT_TRUE(imagePeaks(asInt, 6, 6).empty());
+    // Huge windows: one window clipped on both far sides.
+    expectPeaks(imagePeaks(img, 2147483647, 2147483647), {{10, 10, 1.0}});
+
     auto scan = scanOfZ(8, 8, 0.0);
-    EXPECT_TRUE(scanPeaks(scan, 4, 4).empty());
+    EXPECT_TRUE(scanPeaks(scan, 4, 4).empty());  // nothing valid
     auto valid = scanOfZ(8, 8, 5.0);
     valid[3][3].z = 1.0;
     EXPECT_TRUE(scanPeaks(valid, 1, 4).empty());
@@ -451,8 +322,7 @@ TEST(ScanPeaks, MatchesLiteralSearchOnRandomScans) {
                 if (rng() % 8 == 0) p.z = 0.0;
             }
         }
-        SCOPED_TRACE(::testing::Message() << "iter " << iter << " " << lineNum << "x" << points << " win " << w << "x"
-                                          << h);
+        SCOPED_TRACE(::testing::Message() << "iter " << iter << " win " << w << "x" << h);
         expectPeaks(scanPeaks(scan, w, h), referenceScanPeaks(scan, w, h));
     }
 }

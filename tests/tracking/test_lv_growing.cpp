@@ -38,12 +38,11 @@ SHX_featureTree treeOfNodeTypes(int treeType, const std::vector<int>& nodeTypes)
     return t;
 }
 
-std::vector<SHX_lineFeature> emptyScan;
-
 // Runs the routine on hand-built trees with no lines; returns the surviving trees.
 std::vector<SHX_featureTree> clean(std::vector<SHX_featureTree> trees, SHX_bagParam bag) {
+    std::vector<SHX_lineFeature> none;
     std::vector<SHX_2DValueI> s, e;
-    hx_LVFeatureGrowing(emptyScan, trees, bag, SHX_treeGrowParam{}, s, e);
+    hx_LVFeatureGrowing(none, trees, bag, SHX_treeGrowParam{}, s, e);
     return trees;
 }
 
@@ -185,11 +184,10 @@ TEST(LVGrowing, LengthensBackwardFromTheNewestFirstNodeAndForwardFromTheFixedLas
     EXPECT_EQ(t.yRange.max, 13.0);
 
     // The taken endings are retyped in the caller's lines; the others are not.
-    EXPECT_EQ(scan.lines[4].endings[0].featureType, 1);
-    EXPECT_EQ(scan.lines[5].endings[0].featureType, 1);
-    EXPECT_EQ(scan.lines[9].endings[0].featureType, 1);
-    EXPECT_EQ(scan.lines[9].endings[1].featureType, 6);
-    EXPECT_EQ(scan.lines[10].endings[0].featureType, 7);
+    EXPECT_EQ((std::vector<int>{scan.lines[4].endings[0].featureType, scan.lines[5].endings[0].featureType,
+                                scan.lines[9].endings[0].featureType, scan.lines[9].endings[1].featureType,
+                                scan.lines[10].endings[0].featureType}),
+              (std::vector<int>{1, 1, 1, 6, 7}));
 
     ASSERT_EQ(starts.size(), 6u);
     starts.erase(starts.begin());
